@@ -1,0 +1,52 @@
+// markforge::keyname: resolves a key name through the plug-in registry's
+// generator.
+#pragma once
+
+#include <cstddef>
+#include <cstdint>
+#include <string>
+#include <vector>
+
+#include "lbBase.h"
+
+// The key-name generator a plug-in supplies: takes a zero-terminated name and
+// a flag, returns a null-terminated array of zero-terminated strings (all
+// allocated with new[], owned by the caller afterwards), or null.
+typedef char** (*mfKeynameGeneratorFn)(const char* name, bool flag);
+
+// The plug-in registry record: a row of pointer-sized fields, of which the
+// fourteenth is the key-name generator.
+struct markforgeRegistryRecord {
+    void* reserved[13];
+    mfKeynameGeneratorFn mfPluginKeynameGenerator;
+};
+static_assert(offsetof(markforgeRegistryRecord, mfPluginKeynameGenerator) == 13 * sizeof(void*),
+              "the generator is field 13 of the registry record");
+static_assert(sizeof(mfKeynameGeneratorFn) == sizeof(void*), "registry fields are pointer-sized");
+
+// Installed by the plug-in host before any key name is resolved.
+extern markforgeRegistryRecord* markforgeRegistry;
+
+namespace markforge {
+
+using std::string;
+
+class keyname : public lbBase {
+public:
+    keyname() { LB_CONSTRUCTOR(); }
+    virtual ~keyname() { LB_DESTRUCTOR_CHECK("virtual markforge::keyname::~keyname()"); }
+
+    using lbBase::Open;
+    // Resolves `name` and appends the results.
+    bool Open(const string& name, bool flag);
+    // The first resolved name.
+    bool GetKeyName(string& out);
+    // The name at `index`: false above the count, throws std::out_of_range at it.
+    bool GetKeyNameById(uint32_t index, string& out);
+    bool Close() override;
+
+private:
+    std::vector<string> _keyNames;
+};
+
+}  // namespace markforge

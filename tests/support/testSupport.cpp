@@ -1,0 +1,206 @@
+// Helpers shared by the tests.
+#include "testSupport.h"
+
+#include <fcntl.h>
+#include <poll.h>
+#include <spawn.h>
+#include <sys/wait.h>
+#include <unistd.h>
+
+#include <cerrno>
+#include <cstring>
+#include <stdexcept>
+#include <cstdlib>
+#include <filesystem>
+#include <fstream>
+#include <iterator>
+#include <sstream>
+
+extern char** environ;
+
+namespace testsupport {
+namespace {
+
+void Fail(const std::string& what)
+{
+    throw std::runtime_error(what + ": " + std::strerror(errno));
+}
+
+// Reads both pipes to their ends and feeds `input` to the child's stdin.
+void Pump(int outFd, int errFd, int inFd, const std::string* input, ProcessResult& result)
+{
+    size_t written = 0;
+    std::vector<pollfd> fds;
+    char buffer[65536];
+    for (;;) {
+        fds.clear();
+        if (outFd >= 0) fds.push_back({outFd, POLLIN, 0});
+        if (errFd >= 0) fds.push_back({errFd, POLLIN, 0});
+        if (inFd >= 0) fds.push_back({inFd, POLLOUT, 0});
+        if (fds.empty()) return;
+        if (poll(fds.data(), fds.size(), -1) < 0) {
+            if (errno == EINTR) continue;
+            Fail("poll");
+        }
+        for (const pollfd& p : fds) {
+            if (!p.revents) continue;
+            if (p.fd == inFd) {
+                const ssize_t n = write(inFd, input->data() + written, input->size() - written);
+                if (n > 0) written += static_cast<size_t>(n);
+                if (n < 0 || written == input->size()) {
+                    close(inFd);
+                    inFd = -1;
+                }
+                continue;
+            }
+            const ssize_t n = read(p.fd, buffer, sizeof buffer);
+            if (n > 0) {
+                (p.fd == outFd ? result.out : result.err).append(buffer, static_cast<size_t>(n));
+            } else if (n == 0 || errno != EINTR) {
+                close(p.fd);
+                (p.fd == outFd ? outFd : errFd) = -1;
+            }
+        }
+    }
+}
+
+}  // namespace
+
+ProcessResult Run(const std::vector<std::string>& argv, const std::string* input)
+{
+    int outPipe[2], errPipe[2], inPipe[2] = {-1, -1};
+    if (pipe2(outPipe, O_CLOEXEC) || pipe2(errPipe, O_CLOEXEC)) Fail("pipe");
+    if (input && pipe2(inPipe, O_CLOEXEC)) Fail("pipe");
+
+    posix_spawn_file_actions_t actions;
+    posix_spawn_file_actions_init(&actions);
+    if (input)
+        posix_spawn_file_actions_adddup2(&actions, inPipe[0], 0);
+    else
+        posix_spawn_file_actions_addopen(&actions, 0, "/dev/null", O_RDONLY, 0);
+    posix_spawn_file_actions_adddup2(&actions, outPipe[1], 1);
+    posix_spawn_file_actions_adddup2(&actions, errPipe[1], 2);
+
+    // A new session: the child has no controlling terminal, as under CI.
+    posix_spawnattr_t attributes;
+    posix_spawnattr_init(&attributes);
+    posix_spawnattr_setflags(&attributes, POSIX_SPAWN_SETSID);
+
+    std::vector<char*> args;
+    for (const std::string& arg : argv) args.push_back(const_cast<char*>(arg.c_str()));
+    args.push_back(nullptr);
+
+    pid_t pid = 0;
+    const int rc = posix_spawnp(&pid, args[0], &actions, &attributes, args.data(), environ);
+    posix_spawn_file_actions_destroy(&actions);
+    posix_spawnattr_destroy(&attributes);
+    close(outPipe[1]);
+    close(errPipe[1]);
+    if (input) close(inPipe[0]);
+    if (rc != 0) {
+        errno = rc;
+        Fail("spawn " + argv[0]);
+    }
+
+    ProcessResult result;
+    Pump(outPipe[0], errPipe[0], input ? inPipe[1] : -1, input, result);
+    int status = 0;
+    while (waitpid(pid, &status, 0) < 0 && errno == EINTR) {
+    }
+    if (WIFEXITED(status)) {
+        result.status = WEXITSTATUS(status);
+    } else if (WIFSIGNALED(status)) {
+        result.signaled = true;
+        result.status = 128 + WTERMSIG(status);
+    }
+    return result;
+}
+
+std::string RecasterPath()
+{
+    return RECASTER_BINARY;
+}
+
+std::string DataPath(const std::string& name)
+{
+    return std::string(TEST_DATA_DIR) + "/" + name;
+}
+
+ProcessResult RunRecaster(const std::vector<std::string>& args)
+{
+    std::vector<std::string> argv{RecasterPath()};
+    argv.insert(argv.end(), args.begin(), args.end());
+    return Run(argv);
+}
+
+ProcessResult Openssl(const std::vector<std::string>& args, const std::string* input)
+{
+    std::vector<std::string> argv{"openssl"};
+    argv.insert(argv.end(), args.begin(), args.end());
+    ProcessResult result = Run(argv, input);
+    EXPECT_EQ(result.status, 0) << "openssl failed: " << result.err;
+    return result;
+}
+
+std::string ReadFile(const std::string& path)
+{
+    std::ifstream in(path, std::ios::binary);
+    return std::string(std::istreambuf_iterator<char>(in), std::istreambuf_iterator<char>());
+}
+
+std::vector<uint8_t> ReadBytes(const std::string& path)
+{
+    const std::string text = ReadFile(path);
+    return std::vector<uint8_t>(text.begin(), text.end());
+}
+
+void WriteFile(const std::string& path, const std::string& bytes)
+{
+    std::ofstream out(path, std::ios::binary | std::ios::trunc);
+    out.write(bytes.data(), static_cast<std::streamsize>(bytes.size()));
+    if (!out) throw std::runtime_error("cannot write " + path);
+}
+
+void WriteBytes(const std::string& path, const std::vector<uint8_t>& bytes)
+{
+    WriteFile(path, std::string(bytes.begin(), bytes.end()));
+}
+
+bool FileExists(const std::string& path)
+{
+    return std::filesystem::exists(path);
+}
+
+TempDir::TempDir()
+{
+    std::string pattern = (std::filesystem::temp_directory_path() / "markforge-test-XXXXXX").string();
+    if (!mkdtemp(&pattern[0])) Fail("mkdtemp");
+    _path = pattern;
+}
+
+TempDir::~TempDir()
+{
+    std::error_code ignored;
+    std::filesystem::remove_all(_path, ignored);
+}
+
+std::vector<std::string> TrailLines()
+{
+    std::vector<std::string> lines;
+    for (const lbTrailEntry& entry : lbGlobal.trail) {
+        switch (entry.kind) {
+        case lbTrailEntry::Kind::Location:
+            lines.push_back(entry.function + "|" + entry.file + "|");
+            break;
+        case lbTrailEntry::Kind::Message:
+            if (lines.empty() || lines.back().back() != '|') lines.push_back("||");
+            lines.back() += entry.text;
+            break;
+        case lbTrailEntry::Kind::OpenedBy:
+            break;
+        }
+    }
+    return lines;
+}
+
+}  // namespace testsupport

@@ -1,0 +1,71 @@
+// Helpers shared by the tests: running built programs, temporary folders,
+// files as bytes, and a clean framework state per test.
+#pragma once
+
+#include <gtest/gtest.h>
+
+#include <cstdint>
+#include <string>
+#include <vector>
+
+#include "lbGlobal.h"
+
+namespace testsupport {
+
+// What a finished child process left behind.
+struct ProcessResult {
+    int status = -1;       // exit status; 128 + signal number when killed
+    bool signaled = false; // ended by a signal (a crash)
+    std::string out;       // everything written to standard output
+    std::string err;       // everything written to standard error
+};
+
+// Runs `argv` (argv[0] is the program path) with standard input from
+// /dev/null, or from `input` when given, and waits for it.
+ProcessResult Run(const std::vector<std::string>& argv, const std::string* input = nullptr);
+
+// Runs the built recaster with these arguments.
+ProcessResult RunRecaster(const std::vector<std::string>& args);
+
+// Runs the openssl command-line tool with these arguments; fails the test
+// when it does not exit with 0.
+ProcessResult Openssl(const std::vector<std::string>& args, const std::string* input = nullptr);
+
+// Path of the built recaster executable.
+std::string RecasterPath();
+// Path of the repository's tests/data folder.
+std::string DataPath(const std::string& name);
+
+std::string ReadFile(const std::string& path);
+std::vector<uint8_t> ReadBytes(const std::string& path);
+void WriteFile(const std::string& path, const std::string& bytes);
+void WriteBytes(const std::string& path, const std::vector<uint8_t>& bytes);
+bool FileExists(const std::string& path);
+
+// A fresh folder, removed with everything in it when the object goes.
+class TempDir {
+public:
+    TempDir();
+    ~TempDir();
+    TempDir(const TempDir&) = delete;
+    TempDir& operator=(const TempDir&) = delete;
+    const std::string& path() const { return _path; }
+    // `name` inside the folder.
+    std::string file(const std::string& name) const { return _path + "/" + name; }
+
+private:
+    std::string _path;
+};
+
+// The trail's entries flattened to "function|file|message" lines, one per
+// location entry (message empty when none followed), for exact comparisons.
+std::vector<std::string> TrailLines();
+
+// Every test starts with a clear flag and an empty trail.
+class FrameworkTest : public ::testing::Test {
+protected:
+    void SetUp() override { lbGlobal.Reset(); }
+    void TearDown() override { lbGlobal.Reset(); }
+};
+
+}  // namespace testsupport
