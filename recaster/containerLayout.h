@@ -34,6 +34,14 @@ static constexpr uint32_t HEADER_VARIABLE_SPACE = HEADER_SIZE - 24;  // 4072
 // The header is looked for in the first 16 blocks of a file.
 static constexpr uint32_t HEADER_SCAN_BLOCKS = 16;
 
+// Positions of the words that follow the variable-length signature.
+inline constexpr uint32_t archive_size_offset(uint32_t signatureSize) { return SIGNATURE_OFFSET + signatureSize; }
+inline constexpr uint32_t components_offset(uint32_t signatureSize) { return SIGNATURE_OFFSET + signatureSize + 4; }
+inline constexpr uint32_t digest_length_offset(uint32_t signatureSize, uint32_t archiveSize)
+{
+    return components_offset(signatureSize) + archiveSize;
+}
+
 // A component record, kept exactly as on disk.
 //   0   size
 //   4   offset

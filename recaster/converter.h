@@ -51,6 +51,9 @@ public:
     FileFormat OFormat() const { return _oformat; }
 
 private:
+    bool WriteKeyFileThroughRsa(const char* lbFunction, const string& path, const string& n, const string& e,
+                                const string& p, const string& q, const string& d);
+
     FileFormat _iformat;
     FileFormat _oformat;
 };

@@ -24,7 +24,8 @@ static_assert(offsetof(markforgeRegistryRecord, mfPluginKeynameGenerator) == 13 
               "the generator is field 13 of the registry record");
 static_assert(sizeof(mfKeynameGeneratorFn) == sizeof(void*), "registry fields are pointer-sized");
 
-// Installed by the plug-in host before any key name is resolved.
+// Installed by the plug-in host before any key name is resolved. While it is
+// null, resolution fails as for a registry without a generator.
 extern markforgeRegistryRecord* markforgeRegistry;
 
 namespace markforge {
@@ -39,7 +40,8 @@ public:
     using lbBase::Open;
     // Resolves `name` and appends the results.
     bool Open(const string& name, bool flag);
-    // The first resolved name.
+    // The first resolved name; only after a successful Open (otherwise the
+    // checked access throws std::out_of_range).
     bool GetKeyName(string& out);
     // The name at `index`: false above the count, throws std::out_of_range at it.
     bool GetKeyNameById(uint32_t index, string& out);

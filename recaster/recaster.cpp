@@ -151,6 +151,9 @@ bool Main::Run(int argc, char** argv)
 
 }  // namespace recaster
 
+// Test programs that drive recaster::Main themselves build this file without
+// its entry point.
+#ifndef RECASTER_NO_MAIN
 int main(int argc, char** argv)
 {
     recaster::Main application;
@@ -158,3 +161,4 @@ int main(int argc, char** argv)
     if (application.HaveStackTrace()) application.DumpStackTrace(std::cerr);
     std::exit(1);
 }
+#endif

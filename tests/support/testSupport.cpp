@@ -64,6 +64,45 @@ void Pump(int outFd, int errFd, int inFd, const std::string* input, ProcessResul
     }
 }
 
+#ifdef MARKFORGE_TEST_EMULATOR
+// True when `path` is an ELF program for 32-bit ARM, which the host can only
+// run under the emulator (the openssl oracle stays a host program).
+bool IsArmProgram(const std::string& path)
+{
+    if (path.find('/') == std::string::npos) return false;
+    unsigned char elf[20] = {};
+    std::ifstream in(path, std::ios::binary);
+    if (!in.read(reinterpret_cast<char*>(elf), sizeof elf)) return false;
+    const bool isElf = elf[0] == 0x7F && elf[1] == 'E' && elf[2] == 'L' && elf[3] == 'F';
+    const unsigned machine = elf[18] | (elf[19] << 8);  // e_machine, little-endian on ARM
+    return isElf && machine == 40;                        // EM_ARM
+}
+#endif
+
+// The command line that starts `argv`: in a cross build, target programs go
+// through the emulator the build was configured with.
+std::vector<std::string> WithEmulator(const std::vector<std::string>& argv)
+{
+#ifdef MARKFORGE_TEST_EMULATOR
+    if (!argv.empty() && IsArmProgram(argv[0])) {
+        std::vector<std::string> command;
+        std::stringstream words(MARKFORGE_TEST_EMULATOR);
+        for (std::string word; std::getline(words, word, '|');) command.push_back(word);
+        command.insert(command.end(), argv.begin(), argv.end());
+        return command;
+    }
+#endif
+    return argv;
+}
+
+// In a sanitizer build the spawned programs are instrumented too; a report
+// from one fails the test even where the expected exit status matches.
+void CheckForSanitizerReport(const std::vector<std::string>& argv, const ProcessResult& result)
+{
+    if (result.err.find("Sanitizer") != std::string::npos || result.err.find("runtime error:") != std::string::npos)
+        ADD_FAILURE() << "sanitizer report from " << argv[0] << ":\n" << result.err;
+}
+
 }  // namespace
 
 ProcessResult Run(const std::vector<std::string>& argv, const std::string* input)
@@ -86,8 +125,9 @@ ProcessResult Run(const std::vector<std::string>& argv, const std::string* input
     posix_spawnattr_init(&attributes);
     posix_spawnattr_setflags(&attributes, POSIX_SPAWN_SETSID);
 
+    const std::vector<std::string> command = WithEmulator(argv);
     std::vector<char*> args;
-    for (const std::string& arg : argv) args.push_back(const_cast<char*>(arg.c_str()));
+    for (const std::string& arg : command) args.push_back(const_cast<char*>(arg.c_str()));
     args.push_back(nullptr);
 
     pid_t pid = 0;
@@ -113,6 +153,7 @@ ProcessResult Run(const std::vector<std::string>& argv, const std::string* input
         result.signaled = true;
         result.status = 128 + WTERMSIG(status);
     }
+    CheckForSanitizerReport(argv, result);
     return result;
 }
 

@@ -1,0 +1,162 @@
+#!/usr/bin/env bash
+# Measures markforge against openssl side by side, in one run:
+#   1. markforge::hash (SHA-256, SHA-512) against `openssl dgst` on a 1 GiB file
+#   2. whole-process time of each recaster key conversion against the nearest
+#      openssl command (hyperfine)
+#   3. peak resident memory of hashing a 64 MiB and a 1 GiB file (GNU time)
+# Not part of the test suite: timings depend on the machine and its load.
+#
+# Environment: MARKFORGE_SKIP_SETUP=1 skips scripts/setup.sh; BENCH_DIR picks
+# the folder for the test files (default: a new folder under /tmp, removed
+# at the end); BENCH_BIG_MIB sets the big file's size (default 1024).
+set -euo pipefail
+source "$(dirname "${BASH_SOURCE[0]}")/lib.sh"
+
+BIG_MIB="${BENCH_BIG_MIB:-1024}"
+BUILD="$MARKFORGE_ROOT/build-bench"
+
+if [ "${MARKFORGE_SKIP_SETUP:-0}" != 1 ]; then
+    bash "$MARKFORGE_ROOT/scripts/setup.sh"
+fi
+
+banner "bench: Release build"
+cmake -S "$MARKFORGE_ROOT" -B "$BUILD" -G Ninja -DCMAKE_BUILD_TYPE=Release -DMARKFORGE_BENCH=ON \
+    -DMARKFORGE_TESTS=OFF >/dev/null
+ninja -C "$BUILD" -j "$MARKFORGE_JOBS" recaster hash_bench
+RECASTER="$BUILD/bin/recaster"
+HASH_BENCH="$BUILD/bin/hash_bench"
+
+if [ -n "${BENCH_DIR:-}" ]; then
+    WORK="$BENCH_DIR"
+    mkdir -p "$WORK"
+else
+    WORK="$(mktemp -d /tmp/markforge-bench.XXXXXX)"
+    trap 'rm -rf "$WORK"' EXIT
+fi
+SUMMARY="$WORK/summary.txt"
+: >"$SUMMARY"
+
+# Mean seconds of row `row` (1-based, in command order) of a hyperfine CSV.
+csv_mean() {
+    awk -F, -v row="$2" 'NR == row + 1 { print $2 }' "$1"
+}
+
+ratio() {
+    awk -v a="$1" -v b="$2" 'BEGIN { printf "%.3f", a / b }'
+}
+
+record() {
+    echo "$*" | tee -a "$SUMMARY"
+}
+
+make_files() {
+    banner "bench: test files in $WORK"
+    head -c $((64 << 20)) /dev/urandom >"$WORK/file-64MiB"
+    head -c $((BIG_MIB << 20)) /dev/urandom >"$WORK/file-big"
+    note "64 MiB and ${BIG_MIB} MiB of random bytes"
+}
+
+# The digests must agree before their speed means anything.
+check_digests() {
+    local algorithm="$1" file="$2"
+    local ours theirs
+    ours="$("$HASH_BENCH" --hash-once "$algorithm" "$file" | awk '{print $1}')"
+    theirs="$(openssl dgst "-$algorithm" -r "$file" | awk '{print $1}')"
+    [ "$ours" = "$theirs" ] || die "$algorithm digests differ: markforge $ours, openssl $theirs"
+}
+
+bench_hashing() {
+    banner "bench: hashing ${BIG_MIB} MiB, markforge::hash against openssl dgst"
+    local file="$WORK/file-big" size=$((BIG_MIB << 20))
+    cat "$file" >/dev/null  # both sides read from the page cache
+    record ""
+    record "Hashing a ${BIG_MIB} MiB file (whole process, mean of hyperfine runs, file in page cache)"
+    record "$(printf '  %-8s %14s %14s %8s' algorithm 'markforge MB/s' 'openssl MB/s' ratio)"
+    for algorithm in sha256 sha512; do
+        check_digests "$algorithm" "$file"
+        local csv="$WORK/hash-$algorithm.csv"
+        hyperfine -N --style basic --warmup 1 --runs 5 --export-csv "$csv" \
+            -n "markforge $algorithm" "$HASH_BENCH --hash-once $algorithm $file" \
+            -n "openssl $algorithm" "openssl dgst -$algorithm $file"
+        local ours theirs
+        ours="$(csv_mean "$csv" 1)"
+        theirs="$(csv_mean "$csv" 2)"
+        record "$(printf '  %-8s %14.0f %14.0f %8s' "$algorithm" \
+            "$(awk -v s="$size" -v t="$ours" 'BEGIN { print s / t / 1e6 }')" \
+            "$(awk -v s="$size" -v t="$theirs" 'BEGIN { print s / t / 1e6 }')" \
+            "$(ratio "$theirs" "$ours")")"
+    done
+    record "  (ratio: markforge throughput / openssl throughput; target >= 0.95)"
+    banner "bench: Google Benchmark, in-process, same file"
+    MARKFORGE_BENCH_FILE="$file" "$HASH_BENCH" --benchmark_min_time=2 --benchmark_repetitions=3 \
+        --benchmark_report_aggregates_only=true
+}
+
+make_keys() {
+    openssl genpkey -algorithm RSA -pkeyopt rsa_keygen_bits:2048 -out "$WORK/generated.pem" 2>/dev/null
+    openssl rsa -in "$WORK/generated.pem" -traditional -out "$WORK/private.pem" 2>/dev/null
+    openssl pkey -in "$WORK/private.pem" -pubout -out "$WORK/public.pem"
+    "$RECASTER" --convertkey -i "$WORK/public.pem" -o "$WORK/modulus.bin" -I pem -O raw
+    "$RECASTER" --convertkey -i "$WORK/public.pem" -o "$WORK/public.mf" -I pem -O markforge
+    "$RECASTER" --convertkey -i "$WORK/private.pem" -o "$WORK/private.mf" -I pem -O markforge
+}
+
+# One conversion against its openssl counterpart.
+bench_pair() {
+    local label="$1" ours="$2" theirs="$3"
+    local csv="$WORK/convert-$(tr -c 'a-z0-9' - <<<"$label").csv"
+    hyperfine -N --style basic --warmup 5 --runs 50 --export-csv "$csv" -n "recaster: $label" "$ours" \
+        -n "openssl" "$theirs" >/dev/null
+    local a b
+    a="$(csv_mean "$csv" 1)"
+    b="$(csv_mean "$csv" 2)"
+    record "$(printf '  %-26s %10.2f %10.2f %8s  %s' "$label" "$(awk -v t="$a" 'BEGIN { print t * 1000 }')" \
+        "$(awk -v t="$b" 'BEGIN { print t * 1000 }')" "$(ratio "$a" "$b")" "${theirs%% -in*}")"
+}
+
+bench_conversions() {
+    banner "bench: key conversions, recaster against openssl (2048-bit RSA)"
+    make_keys
+    local out="$WORK/out" w="$WORK"
+    local pubout="openssl pkey -pubin -in $w/public.pem -pubout -out $out.pem"
+    local traditional="openssl rsa -in $w/private.pem -traditional -out $out.pem"
+    record ""
+    record "Key conversions (whole process, mean of 50 runs)"
+    record "$(printf '  %-26s %10s %10s %8s  %s' conversion 'recaster ms' 'openssl ms' ratio 'openssl command')"
+    bench_pair "raw -> pem" "$RECASTER --convertkey -i $w/modulus.bin -o $out -I raw -O pem" "$pubout"
+    bench_pair "raw -> markforge" "$RECASTER --convertkey -i $w/modulus.bin -o $out -I raw -O markforge" "$pubout"
+    bench_pair "pem public -> raw" "$RECASTER --convertkey -i $w/public.pem -o $out -I pem -O raw" "$pubout"
+    bench_pair "pem public -> markforge" "$RECASTER --convertkey -i $w/public.pem -o $out -I pem -O markforge" "$pubout"
+    bench_pair "pem private -> markforge" "$RECASTER --convertkey -i $w/private.pem -o $out -I pem -O markforge" \
+        "$traditional"
+    bench_pair "markforge public -> pem" "$RECASTER --convertkey -i $w/public.mf -o $out -I markforge -O pem" "$pubout"
+    bench_pair "markforge private -> pem" "$RECASTER --convertkey -i $w/private.mf -o $out -I markforge -O pem" \
+        "$traditional"
+    record "  (ratio: recaster time / openssl time; below 1 is faster)"
+}
+
+peak_kib() {
+    /usr/bin/time -f '%M' "$@" 2>&1 >/dev/null | tail -1
+}
+
+bench_memory() {
+    banner "bench: peak memory of hashing"
+    record ""
+    record "Peak resident memory while hashing (GNU time, KiB)"
+    record "$(printf '  %-22s %10s %10s' command '64 MiB' "${BIG_MIB} MiB")"
+    for algorithm in sha256 sha512; do
+        record "$(printf '  %-22s %10s %10s' "markforge $algorithm" \
+            "$(peak_kib "$HASH_BENCH" --hash-once "$algorithm" "$WORK/file-64MiB")" \
+            "$(peak_kib "$HASH_BENCH" --hash-once "$algorithm" "$WORK/file-big")")"
+    done
+    record "$(printf '  %-22s %10s %10s' "openssl dgst -sha256" \
+        "$(peak_kib openssl dgst -sha256 "$WORK/file-64MiB")" "$(peak_kib openssl dgst -sha256 "$WORK/file-big")")"
+}
+
+make_files
+bench_hashing
+bench_conversions
+bench_memory
+
+banner "bench: summary ($(nproc) cores, $(grep -m1 'model name' /proc/cpuinfo | cut -d: -f2 | xargs))"
+cat "$SUMMARY"

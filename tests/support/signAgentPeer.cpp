@@ -1,0 +1,218 @@
+// The stand-in signing agent. Every wait is bounded, so a test that goes
+// wrong fails instead of hanging.
+#include "signAgentPeer.h"
+
+#include <arpa/inet.h>
+#include <fcntl.h>
+#include <netinet/in.h>
+#include <poll.h>
+#include <sys/file.h>
+#include <sys/socket.h>
+#include <unistd.h>
+
+#include <cerrno>
+#include <chrono>
+#include <cstring>
+#include <filesystem>
+
+namespace testsupport {
+namespace {
+
+constexpr unsigned short AGENT_PORT = 8001;
+constexpr int ACCEPT_POLL_MS = 50;
+constexpr int FIRST_BYTE_TIMEOUT_MS = 5000;
+// A request is written in one piece; once bytes stop arriving for this long
+// the request is complete.
+constexpr int IDLE_TIMEOUT_MS = 150;
+constexpr size_t MAX_RECORDED = 65536;
+constexpr auto LOCK_TIMEOUT = std::chrono::seconds(120);
+constexpr auto LOCK_RETRY = std::chrono::milliseconds(50);
+
+// The machine-wide lock on the port, held by an open descriptor; -1 with
+// the reason in `error` when it cannot be had in time.
+int LockPort(std::string& error)
+{
+    const std::string path = (std::filesystem::temp_directory_path() / "markforge-sign-agent-8001.lock").string();
+    const int fd = ::open(path.c_str(), O_RDWR | O_CREAT | O_CLOEXEC, 0666);
+    if (fd < 0) {
+        error = "cannot open the port lock " + path + ": " + std::strerror(errno);
+        return -1;
+    }
+    const auto deadline = std::chrono::steady_clock::now() + LOCK_TIMEOUT;
+    while (::flock(fd, LOCK_EX | LOCK_NB) != 0) {
+        if (errno != EWOULDBLOCK && errno != EINTR) {
+            error = "cannot lock " + path + ": " + std::strerror(errno);
+            ::close(fd);
+            return -1;
+        }
+        if (std::chrono::steady_clock::now() > deadline) {
+            error = "another test run held " + path + " (port 8001) for too long";
+            ::close(fd);
+            return -1;
+        }
+        std::this_thread::sleep_for(LOCK_RETRY);
+    }
+    return fd;
+}
+
+bool WaitReadable(int fd, int timeoutMs)
+{
+    pollfd p{fd, POLLIN, 0};
+    int ready;
+    do {
+        ready = ::poll(&p, 1, timeoutMs);
+    } while (ready < 0 && errno == EINTR);
+    return ready > 0;
+}
+
+// A listening socket on 127.0.0.1:8001, or -1 with the reason in `error`.
+int Listen(std::string& error)
+{
+    const int fd = ::socket(AF_INET, SOCK_STREAM | SOCK_CLOEXEC, 0);
+    if (fd < 0) {
+        error = std::string("socket: ") + std::strerror(errno);
+        return -1;
+    }
+    const int on = 1;
+    ::setsockopt(fd, SOL_SOCKET, SO_REUSEADDR, &on, sizeof on);
+    sockaddr_in address{};
+    address.sin_family = AF_INET;
+    address.sin_port = htons(AGENT_PORT);
+    address.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
+    if (::bind(fd, reinterpret_cast<const sockaddr*>(&address), sizeof address) != 0 || ::listen(fd, 8) != 0) {
+        error = "cannot listen on 127.0.0.1:8001 (is another process using the port?): " +
+                std::string(std::strerror(errno));
+        ::close(fd);
+        return -1;
+    }
+    return fd;
+}
+
+void SendAll(int fd, const std::vector<uint8_t>& bytes)
+{
+    size_t done = 0;
+    while (done < bytes.size()) {
+        const ssize_t sent = ::send(fd, bytes.data() + done, bytes.size() - done, MSG_NOSIGNAL);
+        if (sent < 0 && errno == EINTR) continue;
+        if (sent <= 0) return;
+        done += static_cast<size_t>(sent);
+    }
+}
+
+}  // namespace
+
+SignAgentPeer::SignAgentPeer() : _lock(-1), _listener(-1), _stopping(false), _mode(Mode::Answer) {}
+
+SignAgentPeer::~SignAgentPeer()
+{
+    Stop();
+}
+
+bool SignAgentPeer::ReservePort(std::string& error)
+{
+    if (_lock < 0) _lock = LockPort(error);
+    if (_lock < 0) return false;
+    const int probe = Listen(error);
+    if (probe < 0) return false;
+    ::close(probe);
+    return true;
+}
+
+bool SignAgentPeer::Start(std::string& error)
+{
+    if (_listener >= 0) return true;
+    if (_lock < 0) _lock = LockPort(error);
+    if (_lock < 0) return false;
+    _listener = Listen(error);
+    if (_listener < 0) return false;
+    _stopping = false;
+    _thread = std::thread([this] { Serve(); });
+    return true;
+}
+
+void SignAgentPeer::Stop()
+{
+    _stopping = true;
+    if (_thread.joinable()) _thread.join();
+    if (_listener >= 0) ::close(_listener);
+    _listener = -1;
+    if (_lock >= 0) ::close(_lock);
+    _lock = -1;
+}
+
+void SignAgentPeer::AnswerWith(std::vector<uint8_t> answer)
+{
+    std::lock_guard<std::mutex> lock(_mutex);
+    _mode = Mode::Answer;
+    _answer = std::move(answer);
+}
+
+void SignAgentPeer::CloseWithoutAnswer()
+{
+    AnswerWith({});
+}
+
+void SignAgentPeer::ResetWithoutReading()
+{
+    std::lock_guard<std::mutex> lock(_mutex);
+    _mode = Mode::Reset;
+}
+
+std::vector<std::vector<uint8_t>> SignAgentPeer::Requests() const
+{
+    std::lock_guard<std::mutex> lock(_mutex);
+    return _requests;
+}
+
+void SignAgentPeer::Serve()
+{
+    while (!_stopping) {
+        if (!WaitReadable(_listener, ACCEPT_POLL_MS)) continue;
+        const int connection = ::accept4(_listener, nullptr, nullptr, SOCK_CLOEXEC);
+        if (connection < 0) continue;
+        Handle(connection);
+    }
+}
+
+void SignAgentPeer::Handle(int connection)
+{
+    Mode mode;
+    std::vector<uint8_t> answer;
+    {
+        std::lock_guard<std::mutex> lock(_mutex);
+        mode = _mode;
+        answer = _answer;
+    }
+    if (mode == Mode::Reset) {
+        // Unread data plus a zero linger time makes close() send a reset.
+        WaitReadable(connection, FIRST_BYTE_TIMEOUT_MS);
+        const linger abort{1, 0};
+        ::setsockopt(connection, SOL_SOCKET, SO_LINGER, &abort, sizeof abort);
+        ::close(connection);
+        return;
+    }
+    std::vector<uint8_t> request = ReadRequest(connection);
+    {
+        std::lock_guard<std::mutex> lock(_mutex);
+        _requests.push_back(std::move(request));
+    }
+    SendAll(connection, answer);
+    ::close(connection);
+}
+
+std::vector<uint8_t> SignAgentPeer::ReadRequest(int connection)
+{
+    std::vector<uint8_t> request;
+    uint8_t chunk[4096];
+    int timeout = FIRST_BYTE_TIMEOUT_MS;
+    while (request.size() < MAX_RECORDED && WaitReadable(connection, timeout)) {
+        const ssize_t got = ::recv(connection, chunk, sizeof chunk, 0);
+        if (got < 0 && errno == EINTR) continue;
+        if (got <= 0) break;
+        request.insert(request.end(), chunk, chunk + got);
+        timeout = IDLE_TIMEOUT_MS;
+    }
+    return request;
+}
+
+}  // namespace testsupport

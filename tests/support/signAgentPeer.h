@@ -1,0 +1,68 @@
+// A stand-in signing agent for tests: a TCP server on 127.0.0.1, port 8001,
+// served from a thread of its own, that records every request byte for byte
+// and answers the way the test asks.
+//
+// The port is one per machine, while several test runs (other build folders)
+// may go on at once, beyond the reach of ctest's resource locks. So a peer
+// first takes a machine-wide file lock and keeps it until it stops; a test
+// that needs nothing listening takes the same lock through ReservePort.
+#pragma once
+
+#include <atomic>
+#include <cstdint>
+#include <mutex>
+#include <string>
+#include <thread>
+#include <vector>
+
+namespace testsupport {
+
+class SignAgentPeer {
+public:
+    SignAgentPeer();
+    ~SignAgentPeer();
+    SignAgentPeer(const SignAgentPeer&) = delete;
+    SignAgentPeer& operator=(const SignAgentPeer&) = delete;
+
+    // Takes the machine-wide port lock (waiting a bounded time for other
+    // test runs) and checks that nothing listens on 127.0.0.1:8001. False,
+    // with the reason in `error`, otherwise.
+    bool ReservePort(std::string& error);
+    // Reserves the port, listens on it and starts serving. False, with the
+    // reason in `error`, when the port cannot be had.
+    bool Start(std::string& error);
+    // Stops serving and releases the port and the lock; also done by the
+    // destructor.
+    void Stop();
+
+    // How each following connection is answered (the default is an empty
+    // answer, which is the same as CloseWithoutAnswer):
+    // reads the request, sends `answer` in one piece, closes.
+    void AnswerWith(std::vector<uint8_t> answer);
+    // reads the request, closes without a byte of answer.
+    void CloseWithoutAnswer();
+    // waits for the request, then drops the connection with a reset without
+    // reading it.
+    void ResetWithoutReading();
+
+    // The exact bytes received on each connection so far, in order.
+    std::vector<std::vector<uint8_t>> Requests() const;
+
+private:
+    enum class Mode { Answer, Reset };
+
+    void Serve();
+    void Handle(int connection);
+    static std::vector<uint8_t> ReadRequest(int connection);
+
+    int _lock;
+    int _listener;
+    std::atomic<bool> _stopping;
+    std::thread _thread;
+    mutable std::mutex _mutex;
+    Mode _mode;
+    std::vector<uint8_t> _answer;
+    std::vector<std::vector<uint8_t>> _requests;
+};
+
+}  // namespace testsupport
