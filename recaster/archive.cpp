@@ -3,6 +3,7 @@
 
 #include <algorithm>
 #include <cstring>
+#include <filesystem>
 #include <fstream>
 
 #include "hash.h"
@@ -56,6 +57,7 @@ bool archive::Open(const char* data, uint32_t start, uint32_t size, uint32_t has
     }
     return true;
 }
+
 bool archive::GetComponentsData(lbBytes& out)
 {
     out.buffer.clear();
@@ -101,8 +103,18 @@ bool archive::GetNumberOfComponents(uint32_t& count) const
     count = static_cast<uint32_t>(CompBlockList.size());
     return true;
 }
-bool archive::GetDigestLength(uint32_t& length) const { return _digest.GetLength(length); }
-bool archive::GetArchiveSignature(lbBytes& out) const { out.buffer = _signature.buffer; return true; }
+
+bool archive::GetDigestLength(uint32_t& length) const
+{
+    return _digest.GetLength(length);
+}
+
+bool archive::GetArchiveSignature(lbBytes& out) const
+{
+    out.buffer = _signature.buffer;
+    return true;
+}
+
 bool archive::Close()
 {
     LB_FUNCTION("virtual bool markforge::archive::Close()");
@@ -161,8 +173,9 @@ bool archive::AddComponent(const string& name, const string& path)
     std::ifstream file(path, std::ios::binary);
     LB_CONTINUE_CHECK();
     // The file is checked before the name, so a missing file with a long
-    // name reports only the file.
-    if (!file.is_open()) LB_FAIL("Unable to read component file");
+    // name reports only the file. A folder opens but holds no bytes to sign.
+    std::error_code ignored;
+    if (!file.is_open() || std::filesystem::is_directory(path, ignored)) LB_FAIL("Unable to read component file");
     if (name.size() > MAX_COMPONENT_NAME) LB_FAIL("Component name is excessive");
 
     // The archive digest covers every component's full contents in order.

@@ -404,6 +404,15 @@ TEST_F(ArchiveBuildTest, MissingFileIsReportedAndAddsNoRecord)
                                                       "|recaster/archive.cpp|Unable to read component file"}));
 }
 
+TEST_F(ArchiveBuildTest, FolderIsNotAComponentFile)
+{
+    ASSERT_TRUE(OpenForBuilding("development", 3));
+    EXPECT_FALSE(built.AddComponent("boot", dir.path()));
+    EXPECT_TRUE(built.CompBlockList.empty());
+    EXPECT_EQ(TrailLines(), (std::vector<std::string>{std::string(ADD_TEXT) +
+                                                      "|recaster/archive.cpp|Unable to read component file"}));
+}
+
 TEST_F(ArchiveBuildTest, MissingFileWinsOverAnExcessiveName)
 {
     ASSERT_TRUE(OpenForBuilding("development", 3));
