@@ -57,10 +57,9 @@ const char* DigestNameForLength(size_t length)
 }
 
 // An EVP private key from the five numbers, with the CRT values computed.
-PkeyPtr MakePrivateKey(const std::string& nHex, const std::string& eHex, const std::string& pHex,
-                       const std::string& qHex, const std::string& dHex)
+PkeyPtr MakePrivateKey(const lockbase::RsaKeyTexts& texts)
 {
-    BnPtr n = Hex(nHex), e = Hex(eHex), p = Hex(pHex), q = Hex(qHex), d = Hex(dHex);
+    BnPtr n = Hex(texts.n), e = Hex(texts.e), p = Hex(texts.p), q = Hex(texts.q), d = Hex(texts.d);
     BnPtr p1(BN_new()), q1(BN_new()), dmp1(BN_new()), dmq1(BN_new()), iqmp(BN_new());
     BnCtxPtr ctx(BN_CTX_new());
     if (!n || !e || !p || !q || !d || !p1 || !q1 || !dmp1 || !dmq1 || !iqmp || !ctx) return PkeyPtr();
@@ -169,11 +168,13 @@ bool lbRsa::Fail(const char* function, int line, const std::string& message)
 
 void lbRsa::Forget()
 {
-    Wipe(_n);
-    Wipe(_e);
-    Wipe(_p);
-    Wipe(_q);
-    Wipe(_d);
+    for (std::string* number : {&_key.n, &_key.e, &_key.p, &_key.q, &_key.d}) Wipe(*number);
+}
+
+void lbRsa::Adopt(lockbase::RsaKeyTexts&& key)
+{
+    Forget();
+    _key = std::move(key);
 }
 
 bool lbRsa::MakeKeyFromExps(const std::string& n, const std::string& e, const std::string& p,
@@ -184,12 +185,7 @@ bool lbRsa::MakeKeyFromExps(const std::string& n, const std::string& e, const st
     lockbase::RsaKeyTexts key{n, e, p, q, d};
     std::string reason;
     if (!lockbase::CanonicalizeRsaKey(key, reason)) return Fail(lbFunction, __LINE__, "Not an RSA key: " + reason);
-    Forget();
-    _n = std::move(key.n);
-    _e = std::move(key.e);
-    _p = std::move(key.p);
-    _q = std::move(key.q);
-    _d = std::move(key.d);
+    Adopt(std::move(key));
     return true;
 }
 
@@ -197,8 +193,8 @@ bool lbRsa::WriteKeyToDisk(const std::string& path)
 {
     LB_FUNCTION("bool lbRsa::WriteKeyToDisk(const string&)");
     LB_CONTINUE_CHECK();
-    if (_n.empty()) return Fail(lbFunction, __LINE__, "No key to write to " + path);
-    std::string text = lockbase::FormatRsaKeyFile({_n, _e, _p, _q, _d});
+    if (_key.n.empty()) return Fail(lbFunction, __LINE__, "No key to write to " + path);
+    std::string text = lockbase::FormatRsaKeyFile(_key);
     std::string reason;
     const bool written = WriteWholeFile(path, text, IsPrivate() ? 0600 : 0644, reason);
     Wipe(text);
@@ -217,23 +213,18 @@ bool lbRsa::ReadKeyFromDisk(const std::string& path)
     const bool parsed = lockbase::ParseRsaKeyFile(text, key, reason);
     Wipe(text);
     if (!parsed) return Fail(lbFunction, __LINE__, "Key file " + path + " is not a markforge key file: " + reason);
-    Forget();
-    _n = std::move(key.n);
-    _e = std::move(key.e);
-    _p = std::move(key.p);
-    _q = std::move(key.q);
-    _d = std::move(key.d);
+    Adopt(std::move(key));
     return true;
 }
 
 bool lbRsa::GetExponents(std::string& n, std::string& e, std::string& p, std::string& q, std::string& d) const
 {
-    if (_n.empty()) return false;
-    n = _n;
-    e = _e;
-    p = _p;
-    q = _q;
-    d = _d;
+    if (_key.n.empty()) return false;
+    n = _key.n;
+    e = _key.e;
+    p = _key.p;
+    q = _key.q;
+    d = _key.d;
     return true;
 }
 
@@ -246,7 +237,7 @@ bool lbRsa::Sign(const lbBytes& digest, lbBytes& signature)
     if (!mdName)
         return Fail(lbFunction, __LINE__,
                     "A digest of " + std::to_string(digest.buffer.size()) + " bytes is not SHA-256, SHA-384 or SHA-512");
-    PkeyPtr key = MakePrivateKey(_n, _e, _p, _q, _d);
+    PkeyPtr key = MakePrivateKey(_key);
     if (!key) return Fail(lbFunction, __LINE__, "The private key cannot be used for signing");
     PkeyCtxPtr ctx(EVP_PKEY_CTX_new_from_pkey(nullptr, key.get(), nullptr));
     size_t length = 0;

@@ -5,6 +5,7 @@
 #include <string>
 
 #include "lbBase.h"
+#include "lbRsaKeyFile.h"
 
 class lbBytes;
 
@@ -34,11 +35,13 @@ public:
     // Forgets the key.
     bool Close() override;
 
-    bool IsPrivate() const { return !_d.empty(); }
+    bool IsPrivate() const { return !_key.d.empty(); }
 
 private:
     bool Fail(const char* function, int line, const std::string& message);
+    // Replaces the key with `key`, wiping the old numbers.
+    void Adopt(lockbase::RsaKeyTexts&& key);
     void Forget();
 
-    std::string _n, _e, _p, _q, _d;
+    lockbase::RsaKeyTexts _key;
 };
