@@ -250,6 +250,8 @@ constexpr const char* KEY = "--convertkey";
 constexpr const char* SIG = "--convertsig";
 const std::string RAW_KEY_UNREADABLE = "Unable to read public key in binary\n";
 const std::string PEM_PUBLIC = "-----BEGIN PUBLIC KEY-----\n";
+const std::string CANARY1_FAILED = "Unknown file format -- canary1 failed. ";
+const std::string CANARY2_FAILED = "Unknown file format -- canary2 failed. ";
 
 Row Success(const char* name, const char* command, const char* iformat, const char* oformat, const char* input,
             Output output = Output::written, const char* outputStart = "")
@@ -291,6 +293,24 @@ Row LengthError(const char* name, const char* oformat, const char* input)
     return row;
 }
 
+// A PEM key input that holds no RSA key.
+Row PemKeyNotRecognized(const char* name, const char* oformat, const char* input)
+{
+    return Failure(name, KEY, "pem", oformat, input, KeyFailure("ConvertFromPEM", "key format not recognized"), true);
+}
+
+// A markforge key file that lbRsa cannot read: the read step fails.
+Row MarkforgeKeyUnreadable(const char* name, const char* oformat, const char* input)
+{
+    return Failure(name, KEY, "markforge", oformat, input, KeyFailure(FROM_MF, BOOLEAN), false);
+}
+
+// A markforge signature file that the header block's checks refuse with `message`.
+Row SignatureBlockRefused(const char* name, const char* input, const std::string& message)
+{
+    return Failure(name, SIG, "markforge", "raw", input, HeaderFailure(message), true);
+}
+
 std::vector<Row> Rows()
 {
     const Output none = Output::absent;
@@ -322,28 +342,18 @@ std::vector<Row> Rows()
              Target::directory),
 
         // PEM keys: anything but an RSA key is "key format not recognized".
-        Failure("PemKeyEmpty", KEY, "pem", "markforge", "empty",
-                KeyFailure("ConvertFromPEM", "key format not recognized"), true),
-        Failure("PemKeyGarbage", KEY, "pem", "markforge", "garbage",
-                KeyFailure("ConvertFromPEM", "key format not recognized"), true),
-        Failure("PemKeyOneMebibyte", KEY, "pem", "raw", "garbage 1 MiB",
-                KeyFailure("ConvertFromPEM", "key format not recognized"), true),
-        Failure("PemKeyTruncatedPrivate", KEY, "pem", "markforge", "private pem truncated",
-                KeyFailure("ConvertFromPEM", "key format not recognized"), true),
-        Failure("PemKeyTruncatedPublic", KEY, "pem", "raw", "public pem truncated",
-                KeyFailure("ConvertFromPEM", "key format not recognized"), true),
-        Failure("PemKeyCertificate", KEY, "pem", "markforge", "certificate",
-                KeyFailure("ConvertFromPEM", "key format not recognized"), true),
-        Failure("PemKeyMarkforgeKeyFile", KEY, "pem", "markforge", "markforge private key",
-                KeyFailure("ConvertFromPEM", "key format not recognized"), true),
+        PemKeyNotRecognized("PemKeyEmpty", "markforge", "empty"),
+        PemKeyNotRecognized("PemKeyGarbage", "markforge", "garbage"),
+        PemKeyNotRecognized("PemKeyOneMebibyte", "raw", "garbage 1 MiB"),
+        PemKeyNotRecognized("PemKeyTruncatedPrivate", "markforge", "private pem truncated"),
+        PemKeyNotRecognized("PemKeyTruncatedPublic", "raw", "public pem truncated"),
+        PemKeyNotRecognized("PemKeyCertificate", "markforge", "certificate"),
+        PemKeyNotRecognized("PemKeyMarkforgeKeyFile", "markforge", "markforge private key"),
         // No terminal to ask for a pass phrase: the key cannot be read.
-        Failure("PemKeyEncrypted", KEY, "pem", "markforge", "encrypted pem",
-                KeyFailure("ConvertFromPEM", "key format not recognized"), true),
+        PemKeyNotRecognized("PemKeyEncrypted", "markforge", "encrypted pem"),
         With(Failure("PemKeyMissing", KEY, "pem", "raw", "", KeyFailure(FROM_PEM, "Input file not found"), true),
              Source::missing),
-        With(Failure("PemKeyDirectory", KEY, "pem", "raw", "",
-                     KeyFailure("ConvertFromPEM", "key format not recognized"), true),
-             Source::directory),
+        With(PemKeyNotRecognized("PemKeyDirectory", "raw", ""), Source::directory),
         // write_raw_key checks neither its open nor its write.
         With(Success("PemKeyToRawInMissingFolder", KEY, "pem", "raw", "public pem", none),
              Target::missingDirectory),
@@ -357,19 +367,15 @@ std::vector<Row> Rows()
 
         // markforge key files: whatever lbRsa cannot read fails the read
         // step, before the output is opened.
-        Failure("MarkforgeKeyEmpty", KEY, "markforge", "pem", "empty", KeyFailure(FROM_MF, BOOLEAN), false),
-        Failure("MarkforgeKeyGarbage", KEY, "markforge", "pem", "garbage", KeyFailure(FROM_MF, BOOLEAN), false),
-        Failure("MarkforgeKeyTruncated", KEY, "markforge", "pem", "markforge public key truncated",
-                KeyFailure(FROM_MF, BOOLEAN), false),
-        Failure("MarkforgeKeyOneMebibyte", KEY, "markforge", "pem", "garbage 1 MiB", KeyFailure(FROM_MF, BOOLEAN),
-                false),
-        Failure("MarkforgeKeyWrongKind", KEY, "markforge", "raw", "public pem", KeyFailure(FROM_MF, BOOLEAN),
-                false),
+        MarkforgeKeyUnreadable("MarkforgeKeyEmpty", "pem", "empty"),
+        MarkforgeKeyUnreadable("MarkforgeKeyGarbage", "pem", "garbage"),
+        MarkforgeKeyUnreadable("MarkforgeKeyTruncated", "pem", "markforge public key truncated"),
+        MarkforgeKeyUnreadable("MarkforgeKeyOneMebibyte", "pem", "garbage 1 MiB"),
+        MarkforgeKeyUnreadable("MarkforgeKeyWrongKind", "raw", "public pem"),
         With(Failure("MarkforgeKeyMissing", KEY, "markforge", "pem", "",
                      KeyFailure(FROM_MF, "Input file not found"), true),
              Source::missing),
-        With(Failure("MarkforgeKeyDirectory", KEY, "markforge", "pem", "", KeyFailure(FROM_MF, BOOLEAN), false),
-             Source::directory),
+        With(MarkforgeKeyUnreadable("MarkforgeKeyDirectory", "pem", ""), Source::directory),
         // The output's failure is told in the input's words.
         With(Failure("MarkforgeKeyToPemInMissingFolder", KEY, "markforge", "pem", "markforge public key",
                      KeyFailure(FROM_MF, "Input file not found"), true),
@@ -404,25 +410,16 @@ std::vector<Row> Rows()
              Target::directory),
 
         // markforge signature files: the header block's own checks.
-        Failure("MarkforgeSignatureEmpty", SIG, "markforge", "raw", "empty",
-                HeaderFailure("Unknown file format -- canary1 failed. "), true),
-        Failure("MarkforgeSignatureGarbage", SIG, "markforge", "raw", "garbage",
-                HeaderFailure("Unknown file format -- canary1 failed. "), true),
-        Failure("MarkforgeSignatureOneMebibyte", SIG, "markforge", "raw", "garbage 1 MiB",
-                HeaderFailure("Unknown file format -- canary1 failed. "), true),
-        Failure("MarkforgeSignatureTruncated", SIG, "markforge", "raw", "signature block truncated",
-                HeaderFailure("Unknown file format -- canary2 failed. "), true),
-        Failure("MarkforgeSignatureBeyondSearch", SIG, "markforge", "raw", "signature block after 70 KiB",
-                HeaderFailure("Unknown file format -- canary1 failed. "), true),
-        Failure("MarkforgeSignatureTooShort", SIG, "markforge", "raw", "signature block with 40-byte signature",
-                HeaderFailure("Corrupted header."), true),
-        Failure("MarkforgeSignatureWrongKindRaw", SIG, "markforge", "raw", "raw signature",
-                HeaderFailure("Unknown file format -- canary1 failed. "), true),
-        Failure("MarkforgeSignatureWrongKindDer", SIG, "markforge", "raw", "der signature",
-                HeaderFailure("Unknown file format -- canary1 failed. "), true),
-        With(Failure("MarkforgeSignatureMissing", SIG, "markforge", "raw", "",
-                     HeaderFailure("Unable to read input file. "), true),
-             Source::missing),
+        SignatureBlockRefused("MarkforgeSignatureEmpty", "empty", CANARY1_FAILED),
+        SignatureBlockRefused("MarkforgeSignatureGarbage", "garbage", CANARY1_FAILED),
+        SignatureBlockRefused("MarkforgeSignatureOneMebibyte", "garbage 1 MiB", CANARY1_FAILED),
+        SignatureBlockRefused("MarkforgeSignatureTruncated", "signature block truncated", CANARY2_FAILED),
+        SignatureBlockRefused("MarkforgeSignatureBeyondSearch", "signature block after 70 KiB", CANARY1_FAILED),
+        SignatureBlockRefused("MarkforgeSignatureTooShort", "signature block with 40-byte signature",
+                              "Corrupted header."),
+        SignatureBlockRefused("MarkforgeSignatureWrongKindRaw", "raw signature", CANARY1_FAILED),
+        SignatureBlockRefused("MarkforgeSignatureWrongKindDer", "der signature", CANARY1_FAILED),
+        With(SignatureBlockRefused("MarkforgeSignatureMissing", "", "Unable to read input file. "), Source::missing),
         // Whether a folder opens for reading at its end depends on the file
         // system; either way the header check refuses it.
         With(Failure("MarkforgeSignatureDirectory", SIG, "markforge", "raw", "",

@@ -41,6 +41,15 @@ std::string VersionScreen()
     return std::string("recaster 1.1.0\nmarkforge 2.1.0\nlockbase 1.0.0\n") + OpenSSL_version(OPENSSL_VERSION) + "\n";
 }
 
+// The version screen on standard output, `err` on standard error, status 0.
+void ExpectVersion(const ProcessResult& result, const std::string& err = "")
+{
+    EXPECT_FALSE(result.signaled);
+    EXPECT_EQ(result.status, 0);
+    EXPECT_EQ(result.out, VersionScreen());
+    EXPECT_EQ(result.err, err);
+}
+
 // The help screen: exactly the message line and the table on standard output,
 // nothing on standard error, status 1.
 void ExpectHelp(const ProcessResult& result, const std::string& message, const std::string& err = "")
@@ -278,10 +287,8 @@ TEST_F(CliTest, StrayWordsAreIgnored)
 
 TEST_F(CliTest, UnknownLongOptionBesideVersionIsReportedAndIgnored)
 {
-    const ProcessResult result = RunRecaster({"--no-such-option", "--version"});
-    EXPECT_EQ(result.status, 0);
-    EXPECT_EQ(result.out, VersionScreen());
-    EXPECT_EQ(result.err, testsupport::RecasterPath() + ": unrecognized option '--no-such-option'\n");
+    ExpectVersion(RunRecaster({"--no-such-option", "--version"}),
+                  testsupport::RecasterPath() + ": unrecognized option '--no-such-option'\n");
 }
 
 TEST_F(CliTest, UnknownLongOptionBesideAConversionIsReportedAndTheConversionRuns)
@@ -298,10 +305,7 @@ TEST_F(CliTest, UnknownLongOptionBesideAConversionIsReportedAndTheConversionRuns
 
 TEST_F(CliTest, UnknownShortOptionIsReportedAndIgnored)
 {
-    const ProcessResult result = RunRecaster({"-x", "-V"});
-    EXPECT_EQ(result.status, 0);
-    EXPECT_EQ(result.out, VersionScreen());
-    EXPECT_EQ(result.err, testsupport::RecasterPath() + ": invalid option -- 'x'\n");
+    ExpectVersion(RunRecaster({"-x", "-V"}), testsupport::RecasterPath() + ": invalid option -- 'x'\n");
 }
 
 // ---- Version screen --------------------------------------------------------
@@ -309,11 +313,8 @@ TEST_F(CliTest, UnknownShortOptionIsReportedAndIgnored)
 TEST_F(CliTest, VersionScreen)
 {
     for (const char* option : {"--version", "-V"}) {
-        const ProcessResult result = RunRecaster({option});
-        EXPECT_FALSE(result.signaled);
-        EXPECT_EQ(result.status, 0) << option;
-        EXPECT_EQ(result.out, VersionScreen()) << option;
-        EXPECT_EQ(result.err, "") << option;
+        SCOPED_TRACE(option);
+        ExpectVersion(RunRecaster({option}));
     }
 }
 
@@ -321,18 +322,13 @@ TEST_F(CliTest, VersionWinsOverAConversion)
 {
     Args args = Command("--convertkey", rawKey, output, "raw", "pem");
     args.insert(args.begin(), "--version");
-    ProcessResult result = RunRecaster(args);
-    EXPECT_EQ(result.status, 0);
-    EXPECT_EQ(result.out, VersionScreen());
-    EXPECT_EQ(result.err, "");
+    ExpectVersion(RunRecaster(args));
     EXPECT_FALSE(FileExists(output));
 
     // The order on the command line does not matter.
     args = Command("--convertsig", rawKey, output, "raw", "markforge");
     args.push_back("--version");
-    result = RunRecaster(args);
-    EXPECT_EQ(result.status, 0);
-    EXPECT_EQ(result.out, VersionScreen());
+    ExpectVersion(RunRecaster(args));
     EXPECT_FALSE(FileExists(output));
 }
 

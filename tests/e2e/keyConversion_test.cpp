@@ -1,15 +1,16 @@
 // Key conversions through the built recaster, judged by the openssl tool:
 // exact output bytes, exit status, and what goes to stdout and stderr.
-#include <sys/stat.h>
-
 #include <map>
 #include <memory>
 #include <string>
 #include <vector>
 
+#include "fixtures.h"
+#include "testKeys.h"
 #include "testSupport.h"
 
 using testsupport::FileExists;
+using testsupport::FileMode;
 using testsupport::Openssl;
 using testsupport::ProcessResult;
 using testsupport::ReadBytes;
@@ -34,14 +35,6 @@ const std::string CONTINUE = "Unable to continue from previous error";
 
 // The failure tail every key conversion failure ends with.
 const Lines FAILED_IN_CONVERT_KEY{CONVERT_KEY + "|" + BOOLEAN, RUN + "|" + BOOLEAN};
-
-Bytes HexBytes(const std::string& hex)
-{
-    Bytes bytes;
-    for (size_t i = 0; i + 1 < hex.size(); i += 2)
-        bytes.push_back(static_cast<uint8_t>(std::stoul(hex.substr(i, 2), nullptr, 16)));
-    return bytes;
-}
 
 // The trail dump on stderr as "function|message" lines, one per step.
 Lines TrailSteps(const std::string& err)
@@ -101,11 +94,7 @@ const KeySet& Keys(int bits)
              keys.pkcs8});
     Openssl({"rsa", "-in", keys.pkcs8, "-traditional", "-out", keys.pkcs1});
     Openssl({"pkey", "-in", keys.pkcs8, "-pubout", "-out", keys.pub});
-    // "Modulus=<upper-case hex>\n"
-    std::string modulus = Openssl({"rsa", "-pubin", "-in", keys.pub, "-modulus", "-noout"}).out;
-    modulus = modulus.substr(modulus.find('=') + 1);
-    modulus.erase(modulus.find_last_not_of("\r\n") + 1);
-    keys.modulus = HexBytes(modulus);
+    keys.modulus = testsupport::FromHex(testsupport::OpensslModulusHex(keys.pub, true));
     WriteBytes(keys.raw, keys.modulus);
     return made.emplace(bits, keys).first->second;
 }
@@ -132,13 +121,6 @@ void ExpectFailure(const ProcessResult& run, const Lines& steps)
     EXPECT_EQ(run.status, 1);
     EXPECT_EQ(run.out, "");
     EXPECT_EQ(TrailSteps(run.err), steps) << run.err;
-}
-
-mode_t FileMode(const std::string& path)
-{
-    struct stat info {};
-    EXPECT_EQ(stat(path.c_str(), &info), 0) << path;
-    return info.st_mode & 07777;
 }
 
 }  // namespace
@@ -204,6 +186,21 @@ class KeyConversion : public testing::Test {
 protected:
     const KeySet& keys() const { return Keys(2048); }
     std::string Out(const std::string& name) const { return dir.file(name); }
+
+    // The PEM key `pem` made a markforge key file, then converted to
+    // `oformat` onto an output with earlier content: refused after the
+    // output was opened, which leaves it empty.
+    void ExpectRefusedLeavingAnEmptyOutput(const std::string& pem, const std::string& oformat)
+    {
+        ExpectQuietSuccess(ConvertKey(pem, Out("key.mf"), "pem", "markforge"));
+        const std::string output = Out("out." + oformat);
+        WriteFile(output, "earlier content");
+        const ProcessResult run = ConvertKey(Out("key.mf"), output, "markforge", oformat);
+        ExpectFailure(run, Concat({"ConvertFromMF|conversion not supported"}, FAILED_IN_CONVERT_KEY));
+        EXPECT_TRUE(FileExists(output));
+        EXPECT_EQ(ReadFile(output), "");
+    }
+
     TempDir dir;
 };
 
@@ -314,21 +311,12 @@ TEST_F(KeyConversion, FailingMarkforgeWriterFailsTheRun)
 
 TEST_F(KeyConversion, MarkforgeToMarkforgeFailsLeavingAnEmptyOutput)
 {
-    ExpectQuietSuccess(ConvertKey(keys().pub, Out("pub.mf"), "pem", "markforge"));
-    WriteFile(Out("out.mf"), "earlier content");
-    const ProcessResult run = ConvertKey(Out("pub.mf"), Out("out.mf"), "markforge", "markforge");
-    ExpectFailure(run, Concat({"ConvertFromMF|conversion not supported"}, FAILED_IN_CONVERT_KEY));
-    EXPECT_TRUE(FileExists(Out("out.mf")));
-    EXPECT_EQ(ReadFile(Out("out.mf")), "");
+    ExpectRefusedLeavingAnEmptyOutput(keys().pub, "markforge");
 }
 
 TEST_F(KeyConversion, MarkforgePrivateKeyToRawFailsLeavingAnEmptyOutput)
 {
-    ExpectQuietSuccess(ConvertKey(keys().pkcs1, Out("key.mf"), "pem", "markforge"));
-    const ProcessResult run = ConvertKey(Out("key.mf"), Out("out.raw"), "markforge", "raw");
-    ExpectFailure(run, Concat({"ConvertFromMF|conversion not supported"}, FAILED_IN_CONVERT_KEY));
-    EXPECT_TRUE(FileExists(Out("out.raw")));
-    EXPECT_EQ(ReadFile(Out("out.raw")), "");
+    ExpectRefusedLeavingAnEmptyOutput(keys().pkcs1, "raw");
 }
 
 TEST_F(KeyConversion, MarkforgeOutputInMissingDirectoryIsReportedAsInputNotFound)

@@ -16,18 +16,23 @@ std::string Draw(const gvTable& table)
     return out.str();
 }
 
-TEST(GvTable, DrawsRulesHeadingsAndRows)
+// A table with these column headings and rows, each row's cells in column
+// order, drawn.
+std::string DrawTable(const std::vector<std::string>& headings, const std::vector<std::vector<std::string>>& rows)
 {
     gvTable table;
-    const gvColumnId name = table.createColumn("Name");
-    const gvColumnId value = table.createColumn("Value");
-    gvRow& first = table.createRow();
-    first.Insert(name, "a");
-    first.Insert(value, "1");
-    gvRow& second = table.createRow();
-    second.Insert(name, "bb");
-    second.Insert(value, "22");
-    EXPECT_EQ(Draw(table),
+    std::vector<gvColumnId> columns;
+    for (const std::string& heading : headings) columns.push_back(table.createColumn(heading));
+    for (const std::vector<std::string>& cells : rows) {
+        gvRow& row = table.createRow();
+        for (size_t i = 0; i < cells.size(); ++i) row.Insert(columns.at(i), cells[i]);
+    }
+    return Draw(table);
+}
+
+TEST(GvTable, DrawsRulesHeadingsAndRows)
+{
+    EXPECT_EQ(DrawTable({"Name", "Value"}, {{"a", "1"}, {"bb", "22"}}),
               "+------+-------+\n"
               "| Name | Value |\n"
               "+------+-------+\n"
@@ -38,16 +43,7 @@ TEST(GvTable, DrawsRulesHeadingsAndRows)
 
 TEST(GvTable, WidthComesFromTheLongestCellOrHeading)
 {
-    gvTable table;
-    const gvColumnId a = table.createColumn("A");
-    const gvColumnId b = table.createColumn("Heading");
-    gvRow& first = table.createRow();
-    first.Insert(a, "a much longer cell");
-    first.Insert(b, "x");
-    gvRow& second = table.createRow();
-    second.Insert(a, "short");
-    second.Insert(b, "");
-    EXPECT_EQ(Draw(table),
+    EXPECT_EQ(DrawTable({"A", "Heading"}, {{"a much longer cell", "x"}, {"short", ""}}),
               "+--------------------+---------+\n"
               "| A                  | Heading |\n"
               "+--------------------+---------+\n"
@@ -76,9 +72,7 @@ TEST(GvTable, CellsNeverSetAreDrawnEmpty)
 
 TEST(GvTable, TableWithoutRowsDrawsOnlyTheHeadings)
 {
-    gvTable table;
-    table.createColumn("Only");
-    EXPECT_EQ(Draw(table),
+    EXPECT_EQ(DrawTable({"Only"}, {}),
               "+------+\n"
               "| Only |\n"
               "+------+\n"

@@ -211,6 +211,14 @@ int LineOf(const std::string& repositoryPath, const std::string& needle)
 const char* const CONTINUE = "Unable to continue from previous error";
 const char* const BOOLEAN = "Boolean return value failed.";
 
+// The trail holds one step, `function`'s at `line` with `message`, and the
+// flag is raised.
+void ExpectOnlyStep(const char* function, int line, const std::string& message)
+{
+    EXPECT_EQ(Entries(), (Lines{At(function, line), Message(message)}));
+    EXPECT_TRUE(lbGlobal.errorFlag);
+}
+
 using LbBaseTest = FrameworkTest;
 
 TEST_F(LbBaseTest, SourcePathsAreRelativeToTheRepository)
@@ -249,8 +257,7 @@ TEST_F(LbBaseTest, ContinueCheckRecordsAndLeavesTheFlagSet)
     driver d;
     lbGlobal.errorFlag = true;
     EXPECT_FALSE(d.ContinueOnly());
-    EXPECT_EQ(Entries(), (Lines{At("bool lbtest::driver::ContinueOnly()", d.stepLine), Message(CONTINUE)}));
-    EXPECT_TRUE(lbGlobal.errorFlag);
+    ExpectOnlyStep("bool lbtest::driver::ContinueOnly()", d.stepLine, CONTINUE);
 }
 
 TEST_F(LbBaseTest, CheckedCallPassesTrueThrough)
@@ -266,8 +273,7 @@ TEST_F(LbBaseTest, CheckedCallFailureRecordsAndRaisesTheFlag)
 {
     driver d;
     EXPECT_FALSE(d.Call(false));
-    EXPECT_EQ(Entries(), (Lines{At("bool lbtest::driver::Call(bool)", d.stepLine), Message(BOOLEAN)}));
-    EXPECT_TRUE(lbGlobal.errorFlag);
+    ExpectOnlyStep("bool lbtest::driver::Call(bool)", d.stepLine, BOOLEAN);
 }
 
 TEST_F(LbBaseTest, CheckedCallAfterEarlierFailureDoesNotCall)
@@ -276,8 +282,7 @@ TEST_F(LbBaseTest, CheckedCallAfterEarlierFailureDoesNotCall)
     lbGlobal.errorFlag = true;
     EXPECT_FALSE(d.Call(true));
     EXPECT_EQ(d.calleeCalls, 0);
-    EXPECT_EQ(Entries(), (Lines{At("bool lbtest::driver::Call(bool)", d.stepLine), Message(CONTINUE)}));
-    EXPECT_TRUE(lbGlobal.errorFlag);
+    ExpectOnlyStep("bool lbtest::driver::Call(bool)", d.stepLine, CONTINUE);
 }
 
 TEST_F(LbBaseTest, CheckedOpenAndCloseRunTheWholeLifecycle)
@@ -312,9 +317,7 @@ TEST_F(LbBaseTest, CheckedOpenOfAnOpenObjectFailsAtPreOpen)
     ASSERT_TRUE(d.OpenIt(object));
     EXPECT_FALSE(d.OpenIt(object));
     EXPECT_EQ(object.openCalls, 1);
-    EXPECT_EQ(Entries(), (Lines{At("bool lbtest::driver::OpenIt(lbtest::probe&)", d.stepLine),
-                                Message("Object PreOpen() routine failed.")}));
-    EXPECT_TRUE(lbGlobal.errorFlag);
+    ExpectOnlyStep("bool lbtest::driver::OpenIt(lbtest::probe&)", d.stepLine, "Object PreOpen() routine failed.");
     EXPECT_TRUE(object.IsOpen());
 }
 
@@ -324,9 +327,7 @@ TEST_F(LbBaseTest, CheckedOpenWhoseOpenFailsRecordsAndLeavesTheObjectClosed)
     probe object;
     object.openResult = false;
     EXPECT_FALSE(d.OpenIt(object));
-    EXPECT_EQ(Entries(), (Lines{At("bool lbtest::driver::OpenIt(lbtest::probe&)", d.stepLine),
-                                Message("Object Open() routine failed.")}));
-    EXPECT_TRUE(lbGlobal.errorFlag);
+    ExpectOnlyStep("bool lbtest::driver::OpenIt(lbtest::probe&)", d.stepLine, "Object Open() routine failed.");
     EXPECT_FALSE(object.IsOpen());
 }
 
@@ -339,9 +340,8 @@ TEST_F(LbBaseTest, CheckedOpenUsesTheClassesOwnOpeningCall)
     ASSERT_TRUE(d.CloseIt(object));
 
     EXPECT_FALSE(d.OpenItWith(object, false));
-    EXPECT_EQ(Entries(), (Lines{At("bool lbtest::driver::OpenItWith(lbtest::probe&, bool)", d.stepLine),
-                                Message("Object Open() routine failed.")}));
-    EXPECT_TRUE(lbGlobal.errorFlag);
+    ExpectOnlyStep("bool lbtest::driver::OpenItWith(lbtest::probe&, bool)", d.stepLine,
+                   "Object Open() routine failed.");
 }
 
 TEST_F(LbBaseTest, CheckedOpenAfterEarlierFailureTouchesNothing)
@@ -352,8 +352,7 @@ TEST_F(LbBaseTest, CheckedOpenAfterEarlierFailureTouchesNothing)
     EXPECT_FALSE(d.OpenIt(object));
     EXPECT_EQ(object.openCalls, 0);
     EXPECT_FALSE(object.IsOpen());
-    EXPECT_EQ(Entries(),
-              (Lines{At("bool lbtest::driver::OpenIt(lbtest::probe&)", d.stepLine), Message(CONTINUE)}));
+    ExpectOnlyStep("bool lbtest::driver::OpenIt(lbtest::probe&)", d.stepLine, CONTINUE);
 }
 
 TEST_F(LbBaseTest, PostOpenWithoutPreOpenRecordsItsOwnFailure)
@@ -394,8 +393,7 @@ TEST_F(LbBaseTest, CheckedCloseOfAClosedObjectFailsAtPreClose)
     probe object;
     EXPECT_FALSE(d.CloseIt(object));
     EXPECT_EQ(object.closeCalls, 0);
-    EXPECT_EQ(Entries(), (Lines{At("bool lbtest::driver::CloseIt(lbBase&)", d.stepLine), Message(BOOLEAN)}));
-    EXPECT_TRUE(lbGlobal.errorFlag);
+    ExpectOnlyStep("bool lbtest::driver::CloseIt(lbBase&)", d.stepLine, BOOLEAN);
 }
 
 TEST_F(LbBaseTest, CheckedCloseWhoseCloseFailsLeavesTheObjectOpen)
@@ -405,8 +403,7 @@ TEST_F(LbBaseTest, CheckedCloseWhoseCloseFailsLeavesTheObjectOpen)
     ASSERT_TRUE(d.OpenIt(object));
     object.closeResult = false;
     EXPECT_FALSE(d.CloseIt(object));
-    EXPECT_EQ(Entries(), (Lines{At("bool lbtest::driver::CloseIt(lbBase&)", d.stepLine), Message(BOOLEAN)}));
-    EXPECT_TRUE(lbGlobal.errorFlag);
+    ExpectOnlyStep("bool lbtest::driver::CloseIt(lbBase&)", d.stepLine, BOOLEAN);
     EXPECT_TRUE(object.IsOpen());
 }
 
@@ -419,7 +416,7 @@ TEST_F(LbBaseTest, CheckedCloseAfterEarlierFailureTouchesNothing)
     EXPECT_FALSE(d.CloseIt(object));
     EXPECT_EQ(object.closeCalls, 0);
     EXPECT_TRUE(object.IsOpen());
-    EXPECT_EQ(Entries(), (Lines{At("bool lbtest::driver::CloseIt(lbBase&)", d.stepLine), Message(CONTINUE)}));
+    ExpectOnlyStep("bool lbtest::driver::CloseIt(lbBase&)", d.stepLine, CONTINUE);
 }
 
 TEST_F(LbBaseTest, PostCloseResultNeverChangesTheClose)
@@ -452,8 +449,7 @@ TEST_F(LbBaseTest, RaisedFailureUnderShortTag)
 {
     driver d;
     EXPECT_FALSE(d.FailUnderTag());
-    EXPECT_EQ(Entries(), (Lines{At("ShortTag", d.stepLine), Message("conversion not supported")}));
-    EXPECT_TRUE(lbGlobal.errorFlag);
+    ExpectOnlyStep("ShortTag", d.stepLine, "conversion not supported");
 }
 
 TEST_F(LbBaseTest, RecordWithoutRaisingTheFlag)

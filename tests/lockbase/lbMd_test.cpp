@@ -28,15 +28,26 @@ protected:
         return md.Open(hashId) && hashId.Close();
     }
 
+    // Starts `md` afresh, feeds it `text` and finishes it.
+    static bool Finish(lbMd& md, const std::string& text)
+    {
+        return md.Init() && md.Update(text.data(), static_cast<unsigned>(text.size())) && md.Final();
+    }
+
+    // The same, giving the finished digest text.
+    static std::string Digest(lbMd& md, const std::string& text)
+    {
+        EXPECT_TRUE(Finish(md, text));
+        std::string out;
+        EXPECT_TRUE(md.GetString(out));
+        return out;
+    }
+
     std::string DigestOf(unsigned id, const std::string& text)
     {
         lbMd md;
         EXPECT_TRUE(OpenDigest(md, id));
-        EXPECT_TRUE(md.Init());
-        EXPECT_TRUE(md.Update(text.data(), static_cast<unsigned>(text.size())));
-        EXPECT_TRUE(md.Final());
-        std::string out;
-        EXPECT_TRUE(md.GetString(out));
+        const std::string out = Digest(md, text);
         md.Close();
         return out;
     }
@@ -105,9 +116,7 @@ TEST_F(LbMdTest, TextIsLowerCaseHexAndBytesAreTheSameDigest)
 {
     lbMd md;
     ASSERT_TRUE(OpenDigest(md, 3));
-    ASSERT_TRUE(md.Init());
-    ASSERT_TRUE(md.Update("abc", 3));
-    ASSERT_TRUE(md.Final());
+    ASSERT_TRUE(Finish(md, "abc"));
     std::string text;
     lbBytes bytes;
     ASSERT_TRUE(md.GetString(text));
@@ -159,17 +168,10 @@ TEST_F(LbMdTest, UpdateAfterFinalFailsAndInitStartsAgain)
 {
     lbMd md;
     ASSERT_TRUE(OpenDigest(md, 3));
-    ASSERT_TRUE(md.Init());
-    ASSERT_TRUE(md.Update("xyz", 3));
-    ASSERT_TRUE(md.Final());
+    ASSERT_TRUE(Finish(md, "xyz"));
     EXPECT_FALSE(md.Update("abc", 3));
     EXPECT_FALSE(md.Final());
-    ASSERT_TRUE(md.Init());
-    ASSERT_TRUE(md.Update("abc", 3));
-    ASSERT_TRUE(md.Final());
-    std::string text;
-    md.GetString(text);
-    EXPECT_EQ(text, ABC_SHA256);
+    EXPECT_EQ(Digest(md, "abc"), ABC_SHA256);
 }
 
 TEST_F(LbMdTest, CopyOfARunningDigestContinuesOnItsOwn)
@@ -194,9 +196,7 @@ TEST_F(LbMdTest, AssignedFinishedDigestKeepsItsResult)
 {
     lbMd original;
     ASSERT_TRUE(OpenDigest(original, 4));
-    ASSERT_TRUE(original.Init());
-    ASSERT_TRUE(original.Update("abc", 3));
-    ASSERT_TRUE(original.Final());
+    ASSERT_TRUE(Finish(original, "abc"));
     lbMd assigned;
     assigned = original;
     original.Close();
@@ -213,12 +213,7 @@ TEST_F(LbMdTest, CopyOfAnOpenedButUnstartedDigestCanStart)
     lbMd original;
     ASSERT_TRUE(OpenDigest(original, 3));
     lbMd copy(original);
-    ASSERT_TRUE(copy.Init());
-    ASSERT_TRUE(copy.Update("abc", 3));
-    ASSERT_TRUE(copy.Final());
-    std::string text;
-    copy.GetString(text);
-    EXPECT_EQ(text, ABC_SHA256);
+    EXPECT_EQ(Digest(copy, "abc"), ABC_SHA256);
 }
 
 TEST_F(LbMdTest, CloseForgetsTheAlgorithm)

@@ -5,10 +5,13 @@
 #include <string>
 #include <vector>
 
+#include "fixtures.h"
 #include "lbRsa.h"
 #include "lbSteps.h"
+#include "openedObject.h"
 #include "testSupport.h"
 
+using testsupport::FileMode;
 using testsupport::ReadFile;
 using testsupport::TempDir;
 using testsupport::TrailLines;
@@ -38,41 +41,17 @@ std::ostream& operator<<(std::ostream& out, const Texts& t)
     return out << "{" << t.n << ", " << t.e << ", " << t.p << ", " << t.q << ", " << t.d << "}";
 }
 
-mode_t FileMode(const std::string& path)
-{
-    struct stat info {};
-    EXPECT_EQ(stat(path.c_str(), &info), 0) << path;
-    return info.st_mode & 07777;
-}
-
 // An lbRsa taken through its opening sequence and closed when the test ends.
-class OpenRsa {
+class OpenRsa : public testsupport::Opened<lbRsa> {
 public:
-    OpenRsa()
-    {
-        const unsigned line = __LINE__;
-        EXPECT_TRUE(_rsa.PreOpen(__FILE__, line, nullptr));
-        EXPECT_TRUE(_rsa.Open());
-        EXPECT_TRUE(_rsa.PostOpen(line));
-    }
-    ~OpenRsa()
-    {
-        _rsa.PreClose();
-        _rsa.Close();
-        _rsa.PostClose();
-    }
-    lbRsa* operator->() { return &_rsa; }
-    lbRsa& operator*() { return _rsa; }
+    OpenRsa() { EXPECT_TRUE(opened); }
 
     Texts Exponents()
     {
         Texts t;
-        EXPECT_TRUE(_rsa.GetExponents(t.n, t.e, t.p, t.q, t.d));
+        EXPECT_TRUE((*this)->GetExponents(t.n, t.e, t.p, t.q, t.d));
         return t;
     }
-
-private:
-    lbRsa _rsa;
 };
 
 }  // namespace
@@ -89,11 +68,31 @@ protected:
         WriteFile(path, text);
         OpenRsa rsa;
         EXPECT_FALSE(rsa->ReadKeyFromDisk(path));
-        EXPECT_TRUE(lbGlobal.errorFlag);
-        const std::string expected = "Key file " + path + " is not a markforge key file: " + reason;
-        EXPECT_EQ(TrailLines(), (Lines{READ_KEY + "|" + LBRSA_CPP + "|" + expected}));
+        ExpectFailedWith(READ_KEY, "Key file " + path + " is not a markforge key file: " + reason);
         std::string n;
         EXPECT_FALSE(rsa->GetExponents(n, n, n, n, n));
+    }
+
+    // The only trail entry is `function`'s `message`, and the flag is raised.
+    void ExpectFailedWith(const std::string& function, const std::string& message)
+    {
+        EXPECT_EQ(TrailLines(), (Lines{function + "|" + LBRSA_CPP + "|" + message}));
+        EXPECT_TRUE(lbGlobal.errorFlag);
+    }
+
+    // A key made from `t` is written to `name`, which then holds `fileText`,
+    // and read back to the same texts without a trail entry.
+    void ExpectRoundTrip(const Texts& t, bool isPrivate, const std::string& name, const std::string& fileText)
+    {
+        OpenRsa writer;
+        ASSERT_TRUE(writer->MakeKeyFromExps(t.n, t.e, t.p, t.q, t.d));
+        EXPECT_EQ(writer->IsPrivate(), isPrivate);
+        ASSERT_TRUE(writer->WriteKeyToDisk(Path(name)));
+        EXPECT_EQ(ReadFile(Path(name)), fileText);
+        OpenRsa reader;
+        ASSERT_TRUE(reader->ReadKeyFromDisk(Path(name)));
+        EXPECT_EQ(reader.Exponents(), t);
+        EXPECT_TRUE(TrailLines().empty());
     }
 
     // Builds a key from five texts and expects it refused with `reason`.
@@ -102,8 +101,7 @@ protected:
         lbGlobal.Reset();
         OpenRsa rsa;
         EXPECT_FALSE(rsa->MakeKeyFromExps(t.n, t.e, t.p, t.q, t.d));
-        EXPECT_TRUE(lbGlobal.errorFlag);
-        EXPECT_EQ(TrailLines(), (Lines{MAKE_KEY + "|" + LBRSA_CPP + "|Not an RSA key: " + reason}));
+        ExpectFailedWith(MAKE_KEY, "Not an RSA key: " + reason);
     }
 
     TempDir dir;
@@ -113,28 +111,12 @@ protected:
 
 TEST_F(LbRsa, PublicKeyRoundTripsThroughItsFile)
 {
-    OpenRsa writer;
-    ASSERT_TRUE(writer->MakeKeyFromExps(N, E, "", "", ""));
-    EXPECT_FALSE(writer->IsPrivate());
-    ASSERT_TRUE(writer->WriteKeyToDisk(Path("pub.mf")));
-    EXPECT_EQ(ReadFile(Path("pub.mf")), PUBLIC_FILE);
-    OpenRsa reader;
-    ASSERT_TRUE(reader->ReadKeyFromDisk(Path("pub.mf")));
-    EXPECT_EQ(reader.Exponents(), (Texts{N, E, "", "", ""}));
-    EXPECT_TRUE(TrailLines().empty());
+    ExpectRoundTrip({N, E, "", "", ""}, false, "pub.mf", PUBLIC_FILE);
 }
 
 TEST_F(LbRsa, PrivateKeyRoundTripsThroughItsFile)
 {
-    OpenRsa writer;
-    ASSERT_TRUE(writer->MakeKeyFromExps(N, E, P, Q, D));
-    EXPECT_TRUE(writer->IsPrivate());
-    ASSERT_TRUE(writer->WriteKeyToDisk(Path("priv.mf")));
-    EXPECT_EQ(ReadFile(Path("priv.mf")), PRIVATE_FILE);
-    OpenRsa reader;
-    ASSERT_TRUE(reader->ReadKeyFromDisk(Path("priv.mf")));
-    EXPECT_EQ(reader.Exponents(), (Texts{N, E, P, Q, D}));
-    EXPECT_TRUE(TrailLines().empty());
+    ExpectRoundTrip({N, E, P, Q, D}, true, "priv.mf", PRIVATE_FILE);
 }
 
 TEST_F(LbRsa, TextsAreCanonicalUpperCaseWholeBytesWithoutLeadingZeroBytes)
@@ -155,8 +137,7 @@ TEST_F(LbRsa, GetExponentsWithoutAKeyFails)
 TEST_F(LbRsa, CloseForgetsTheKey)
 {
     lbRsa rsa;
-    const unsigned line = __LINE__;
-    ASSERT_TRUE(rsa.PreOpen(__FILE__, line, nullptr) && rsa.Open() && rsa.PostOpen(line));
+    ASSERT_TRUE(testsupport::OpenObject(rsa));
     ASSERT_TRUE(rsa.MakeKeyFromExps(N, E, P, Q, D));
     ASSERT_TRUE(rsa.PreClose() && rsa.Close());
     rsa.PostClose();
@@ -178,9 +159,7 @@ TEST_F(LbRsa, RealKeyRoundTripsThroughItsFile)
 {
     testsupport::Openssl(
         {"genpkey", "-algorithm", "RSA", "-pkeyopt", "rsa_keygen_bits:1024", "-out", Path("key.pem")});
-    const std::string text = testsupport::Openssl({"rsa", "-in", Path("key.pem"), "-modulus", "-noout"}).out;
-    std::string modulus = text.substr(text.find('=') + 1);
-    modulus.erase(modulus.find_last_not_of("\n") + 1);
+    const std::string modulus = testsupport::OpensslModulusHex(Path("key.pem"), false);
     OpenRsa writer;
     ASSERT_TRUE(writer->MakeKeyFromExps(modulus, "10001", "", "", ""));
     ASSERT_TRUE(writer->WriteKeyToDisk(Path("pub.mf")));
@@ -226,8 +205,7 @@ TEST_F(LbRsa, WritingWithoutAKeyFails)
 {
     OpenRsa rsa;
     EXPECT_FALSE(rsa->WriteKeyToDisk(Path("none.mf")));
-    EXPECT_EQ(TrailLines(), (Lines{WRITE_KEY + "|" + LBRSA_CPP + "|No key to write to " + Path("none.mf")}));
-    EXPECT_TRUE(lbGlobal.errorFlag);
+    ExpectFailedWith(WRITE_KEY, "No key to write to " + Path("none.mf"));
     EXPECT_FALSE(testsupport::FileExists(Path("none.mf")));
 }
 
@@ -237,9 +215,7 @@ TEST_F(LbRsa, WritingIntoAMissingDirectoryFails)
     ASSERT_TRUE(rsa->MakeKeyFromExps(N, E, "", "", ""));
     const std::string path = Path("no/such/dir/pub.mf");
     EXPECT_FALSE(rsa->WriteKeyToDisk(path));
-    EXPECT_EQ(TrailLines(), (Lines{WRITE_KEY + "|" + LBRSA_CPP + "|Key file " + path +
-                                   " cannot be created: No such file or directory"}));
-    EXPECT_TRUE(lbGlobal.errorFlag);
+    ExpectFailedWith(WRITE_KEY, "Key file " + path + " cannot be created: No such file or directory");
 }
 
 TEST_F(LbRsa, EveryStepStopsAfterAnEarlierFailure)
@@ -293,17 +269,14 @@ TEST_F(LbRsa, MissingFileFails)
     OpenRsa rsa;
     const std::string path = Path("missing.mf");
     EXPECT_FALSE(rsa->ReadKeyFromDisk(path));
-    EXPECT_EQ(TrailLines(), (Lines{READ_KEY + "|" + LBRSA_CPP + "|Key file " + path +
-                                   " cannot be opened: No such file or directory"}));
-    EXPECT_TRUE(lbGlobal.errorFlag);
+    ExpectFailedWith(READ_KEY, "Key file " + path + " cannot be opened: No such file or directory");
 }
 
 TEST_F(LbRsa, DirectoryFails)
 {
     OpenRsa rsa;
     EXPECT_FALSE(rsa->ReadKeyFromDisk(dir.path()));
-    EXPECT_EQ(TrailLines(),
-              (Lines{READ_KEY + "|" + LBRSA_CPP + "|Key file " + dir.path() + " cannot be read: Is a directory"}));
+    ExpectFailedWith(READ_KEY, "Key file " + dir.path() + " cannot be read: Is a directory");
 }
 
 TEST_F(LbRsa, OversizedFileFails)
@@ -313,8 +286,7 @@ TEST_F(LbRsa, OversizedFileFails)
     WriteFile(path, PUBLIC_FILE + std::string(65537 - PUBLIC_FILE.size(), '#'));
     OpenRsa rsa;
     EXPECT_FALSE(rsa->ReadKeyFromDisk(path));
-    EXPECT_EQ(TrailLines(), (Lines{READ_KEY + "|" + LBRSA_CPP + "|Key file " + path + " larger than 65536 bytes"}));
-    EXPECT_TRUE(lbGlobal.errorFlag);
+    ExpectFailedWith(READ_KEY, "Key file " + path + " larger than 65536 bytes");
 }
 
 TEST_F(LbRsa, EmptyFileFails)

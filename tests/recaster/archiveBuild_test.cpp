@@ -4,14 +4,13 @@
 // loaded back.
 #include <gtest/gtest.h>
 
-#include <cctype>
-#include <cstring>
-
 #include "archive.h"
+#include "blockFrame.h"
 #include "containerLayout.h"
+#include "fixtures.h"
 #include "header.h"
-#include "keyname.h"
-#include "signAgentPeer.h"
+#include "openedObject.h"
+#include "signingTest.h"
 #include "testKeys.h"
 #include "testSupport.h"
 
@@ -19,39 +18,15 @@ using markforge::archive;
 using markforge::CompBlock;
 using markforge::header;
 using testsupport::FromHex;
+using testsupport::Opened;
+using testsupport::PseudoRandom;
 using testsupport::TrailLines;
+using testsupport::Upper;
 using Bytes = std::vector<uint8_t>;
 
 namespace {
 
 const char* const ADD_TEXT = "bool markforge::archive::AddComponent(const string&, const string&)";
-
-std::string resolvedKeyFile;
-
-char** KeyFileGenerator(const char*, bool)
-{
-    char** names = new char*[2];
-    names[0] = new char[resolvedKeyFile.size() + 1];
-    std::memcpy(names[0], resolvedKeyFile.c_str(), resolvedKeyFile.size() + 1);
-    names[1] = nullptr;
-    return names;
-}
-
-std::string Pattern(size_t size, uint32_t seed)
-{
-    std::string bytes(size, '\0');
-    for (char& c : bytes) {
-        seed = seed * 1103515245u + 12345u;
-        c = static_cast<char>(seed >> 23);
-    }
-    return bytes;
-}
-
-std::string Upper(std::string text)
-{
-    for (char& c : text) c = static_cast<char>(std::toupper(static_cast<unsigned char>(c)));
-    return text;
-}
 
 // openssl's digest name for an archive hash identifier.
 std::string DigestName(uint32_t hashId)
@@ -74,53 +49,35 @@ struct RecordView {
     Bytes signature;
 };
 
-class ArchiveBuildTest : public testsupport::FrameworkTest {
+class ArchiveBuildTest : public testsupport::SigningTest {
 protected:
-    void SetUp() override
-    {
-        FrameworkTest::SetUp();
-        registry = markforgeRegistryRecord();
-        registry.mfPluginKeynameGenerator = &KeyFileGenerator;
-        markforgeRegistry = &registry;
-    }
     void TearDown() override
     {
-        peer.Stop();
         CloseArchive();
-        markforgeRegistry = nullptr;
-        FrameworkTest::TearDown();
+        SigningTest::TearDown();
     }
 
-    void MakeKey()
-    {
-        std::string error;
-        ASSERT_TRUE(testsupport::MakeRsaKey(dir.path(), "builder", 2048, key, error)) << error;
-        resolvedKeyFile = key.keyFile;
-        lbGlobal.Reset();
-    }
-
-    void StartPeer()
-    {
-        std::string error;
-        ASSERT_TRUE(peer.Start(error)) << error;
-    }
+    void MakeKey() { SigningTest::MakeKey("builder"); }
 
     Component MakeComponent(const std::string& name, size_t size, uint32_t seed)
     {
-        Component c{name, dir.file(name.empty() ? "unnamed.bin" : name + ".bin"), Pattern(size, seed)};
+        Component c{name, dir.file(name.empty() ? "unnamed.bin" : name + ".bin"), PseudoRandom(size, seed)};
         testsupport::WriteFile(c.path, c.bytes);
         return c;
+    }
+
+    // The three components most tests build, 350 bytes in all.
+    std::vector<Component> BootKernelAndRootfs()
+    {
+        return {MakeComponent("boot", 100, 1), MakeComponent("kernel", 200, 2), MakeComponent("rootfs", 50, 3)};
     }
 
     // Opens `built` for building under the lifecycle contract and starts
     // the running digest.
     bool OpenForBuilding(const std::string& mode, uint32_t hashId)
     {
-        const unsigned line = __LINE__;
-        if (!built.PreOpen(__FILE__, line, nullptr)) return false;
-        if (!built.Open("release-key", mode, hashId)) return false;
-        if (!built.PostOpen(line)) return false;
-        return built.InitAddComponentsFromCmdline();
+        return testsupport::OpenObject(built, [&](archive& a) { return a.Open("release-key", mode, hashId); }) &&
+               built.InitAddComponentsFromCmdline();
     }
 
     bool Build(const std::string& mode, uint32_t hashId, const std::vector<Component>& components)
@@ -131,27 +88,24 @@ protected:
         return built.FinishAddComponentsFromCmdline();
     }
 
-    void CloseArchive()
-    {
-        if (!built.IsOpen()) return;
-        built.PreClose();
-        built.Close();
-        built.PostClose();
-    }
+    void CloseArchive() { testsupport::CloseObject(built); }
 
     // Writes the header block of the built archive to `path`.
     void WriteHeader(const std::string& path)
     {
-        header out;
-        const unsigned line = __LINE__;
-        ASSERT_TRUE(out.PreOpen(__FILE__, line, nullptr));
-        ASSERT_TRUE(out.Open());
-        ASSERT_TRUE(out.PostOpen(line));
-        ASSERT_TRUE(out.CreateFromArchive(built));
-        ASSERT_TRUE(out.WriteOutput(path));
-        out.PreClose();
-        out.Close();
-        out.PostClose();
+        Opened<header> out;
+        ASSERT_TRUE(out.opened);
+        ASSERT_TRUE(out->CreateFromArchive(built));
+        ASSERT_TRUE(out->WriteOutput(path));
+    }
+
+    // What a refused AddComponent leaves: no record, the flag raised and
+    // `message` as the only entry.
+    void ExpectRefusedAdding(const std::string& message)
+    {
+        EXPECT_TRUE(built.CompBlockList.empty());
+        EXPECT_TRUE(lbGlobal.errorFlag);
+        EXPECT_EQ(TrailLines(), (std::vector<std::string>{std::string(ADD_TEXT) + "|recaster/archive.cpp|" + message}));
     }
 
     Bytes ArchiveSignature()
@@ -191,6 +145,22 @@ protected:
             << detail;
     }
 
+    // Components `a` and `b` built under hash identifier `hashId`: both
+    // component signatures and the archive's verify with the digest
+    // `signedAs` names, and the archive's digest has `digestLength` bytes.
+    void ExpectTwoComponentsSignedWith(uint32_t hashId, uint32_t signedAs, uint32_t digestLength, const Component& a,
+                                       const Component& b)
+    {
+        MakeKey();
+        ASSERT_TRUE(Build("development", hashId, {a, b}));
+        ExpectVerifies(signedAs, a.bytes, ComponentSignature(0));
+        ExpectVerifies(signedAs, b.bytes, ComponentSignature(1));
+        ExpectVerifies(signedAs, a.bytes + b.bytes, ArchiveSignature());
+        uint32_t length = 0;
+        EXPECT_TRUE(built.GetDigestLength(length));
+        EXPECT_EQ(length, digestLength);
+    }
+
     static RecordView ReadRecord(const Bytes& block, size_t at)
     {
         auto word = [&](size_t offset) { return markforge::load_be32(&block[at + offset]); };
@@ -210,10 +180,6 @@ protected:
         return field;
     }
 
-    testsupport::TempDir dir;
-    testsupport::TestRsaKey key;
-    markforgeRegistryRecord registry;
-    testsupport::SignAgentPeer peer;
     archive built;
 };
 
@@ -224,8 +190,7 @@ protected:
 TEST_F(ArchiveBuildTest, ThreeComponentsAreLaidOutBackToBack)
 {
     MakeKey();
-    const std::vector<Component> parts = {MakeComponent("boot", 100, 1), MakeComponent("kernel", 200, 2),
-                                          MakeComponent("rootfs", 50, 3)};
+    const std::vector<Component> parts = BootKernelAndRootfs();
     ASSERT_TRUE(Build("development", 3, parts));
     ASSERT_EQ(built.CompBlockList.size(), 3u);
     const uint32_t offsets[] = {0, 100, 300};
@@ -249,8 +214,7 @@ TEST_F(ArchiveBuildTest, ThreeComponentsAreLaidOutBackToBack)
 TEST_F(ArchiveBuildTest, EveryComponentSignatureVerifies)
 {
     MakeKey();
-    const std::vector<Component> parts = {MakeComponent("boot", 100, 1), MakeComponent("kernel", 200, 2),
-                                          MakeComponent("rootfs", 50, 3)};
+    const std::vector<Component> parts = BootKernelAndRootfs();
     ASSERT_TRUE(Build("development", 3, parts));
     for (uint8_t i = 0; i < 3; ++i) ExpectVerifies(3, parts[i].bytes, ComponentSignature(i));
 }
@@ -258,8 +222,7 @@ TEST_F(ArchiveBuildTest, EveryComponentSignatureVerifies)
 TEST_F(ArchiveBuildTest, ArchiveOfThreeIsSignedOverAllTheirBytesInOrder)
 {
     MakeKey();
-    const std::vector<Component> parts = {MakeComponent("boot", 100, 1), MakeComponent("kernel", 200, 2),
-                                          MakeComponent("rootfs", 50, 3)};
+    const std::vector<Component> parts = BootKernelAndRootfs();
     ASSERT_TRUE(Build("development", 3, parts));
     ExpectVerifies(3, parts[0].bytes + parts[1].bytes + parts[2].bytes, ArchiveSignature());
 }
@@ -331,42 +294,17 @@ TEST_F(ArchiveBuildTest, ProductionRequestsNameEachComponentAndThenTheArchive)
 
 TEST_F(ArchiveBuildTest, HashIdentifierSevenBehavesAsSha256)
 {
-    MakeKey();
-    const Component a = MakeComponent("A", 4096, 20);
-    const Component b = MakeComponent("B", 4097, 21);
-    ASSERT_TRUE(Build("development", 7, {a, b}));
-    ExpectVerifies(3, a.bytes, ComponentSignature(0));
-    ExpectVerifies(3, b.bytes, ComponentSignature(1));
-    ExpectVerifies(3, a.bytes + b.bytes, ArchiveSignature());
-    uint32_t length = 0;
-    EXPECT_TRUE(built.GetDigestLength(length));
-    EXPECT_EQ(length, 32u);
+    ExpectTwoComponentsSignedWith(7, 3, 32, MakeComponent("A", 4096, 20), MakeComponent("B", 4097, 21));
 }
 
 TEST_F(ArchiveBuildTest, HashIdentifierFourUsesSha512Throughout)
 {
-    MakeKey();
-    const Component a = MakeComponent("A", 1000, 30);
-    const Component b = MakeComponent("B", 2000, 31);
-    ASSERT_TRUE(Build("development", 4, {a, b}));
-    ExpectVerifies(4, a.bytes, ComponentSignature(0));
-    ExpectVerifies(4, a.bytes + b.bytes, ArchiveSignature());
-    uint32_t length = 0;
-    EXPECT_TRUE(built.GetDigestLength(length));
-    EXPECT_EQ(length, 64u);
+    ExpectTwoComponentsSignedWith(4, 4, 64, MakeComponent("A", 1000, 30), MakeComponent("B", 2000, 31));
 }
 
 TEST_F(ArchiveBuildTest, HashIdentifierFiveUsesSha384Throughout)
 {
-    MakeKey();
-    const Component a = MakeComponent("A", 1000, 40);
-    const Component b = MakeComponent("B", 3000, 41);
-    ASSERT_TRUE(Build("development", 5, {a, b}));
-    ExpectVerifies(5, b.bytes, ComponentSignature(1));
-    ExpectVerifies(5, a.bytes + b.bytes, ArchiveSignature());
-    uint32_t length = 0;
-    EXPECT_TRUE(built.GetDigestLength(length));
-    EXPECT_EQ(length, 48u);
+    ExpectTwoComponentsSignedWith(5, 5, 48, MakeComponent("A", 1000, 40), MakeComponent("B", 3000, 41));
 }
 
 // ---- names and files ---------------------------------------------------------
@@ -388,38 +326,28 @@ TEST_F(ArchiveBuildTest, FifteenCharacterNameIsExcessive)
 {
     ASSERT_TRUE(OpenForBuilding("development", 3));
     EXPECT_FALSE(built.AddComponent("abcdefghijklmno", MakeComponent("file", 10, 51).path));
-    EXPECT_TRUE(built.CompBlockList.empty());
-    EXPECT_TRUE(lbGlobal.errorFlag);
-    EXPECT_EQ(TrailLines(),
-              (std::vector<std::string>{std::string(ADD_TEXT) + "|recaster/archive.cpp|Component name is excessive"}));
+    ExpectRefusedAdding("Component name is excessive");
 }
 
 TEST_F(ArchiveBuildTest, MissingFileIsReportedAndAddsNoRecord)
 {
     ASSERT_TRUE(OpenForBuilding("development", 3));
     EXPECT_FALSE(built.AddComponent("boot", dir.file("missing.bin")));
-    EXPECT_TRUE(built.CompBlockList.empty());
-    EXPECT_TRUE(lbGlobal.errorFlag);
-    EXPECT_EQ(TrailLines(), (std::vector<std::string>{std::string(ADD_TEXT) +
-                                                      "|recaster/archive.cpp|Unable to read component file"}));
+    ExpectRefusedAdding("Unable to read component file");
 }
 
 TEST_F(ArchiveBuildTest, FolderIsNotAComponentFile)
 {
     ASSERT_TRUE(OpenForBuilding("development", 3));
     EXPECT_FALSE(built.AddComponent("boot", dir.path()));
-    EXPECT_TRUE(built.CompBlockList.empty());
-    EXPECT_EQ(TrailLines(), (std::vector<std::string>{std::string(ADD_TEXT) +
-                                                      "|recaster/archive.cpp|Unable to read component file"}));
+    ExpectRefusedAdding("Unable to read component file");
 }
 
 TEST_F(ArchiveBuildTest, MissingFileWinsOverAnExcessiveName)
 {
     ASSERT_TRUE(OpenForBuilding("development", 3));
     EXPECT_FALSE(built.AddComponent("a-name-far-too-long", dir.file("missing.bin")));
-    EXPECT_TRUE(built.CompBlockList.empty());
-    EXPECT_EQ(TrailLines(), (std::vector<std::string>{std::string(ADD_TEXT) +
-                                                      "|recaster/archive.cpp|Unable to read component file"}));
+    ExpectRefusedAdding("Unable to read component file");
 }
 
 TEST_F(ArchiveBuildTest, RaisedFlagStopsAddingBeforeAnyCheck)
@@ -453,12 +381,7 @@ TEST_F(ArchiveBuildTest, SignatureLongerThanTheRecordFieldIsRefused)
     const bool added = built.AddComponent("boot", MakeComponent("boot", 10, 53).path);
     testing::internal::GetCapturedStdout();
     EXPECT_FALSE(added);
-    EXPECT_TRUE(built.CompBlockList.empty());
-    EXPECT_TRUE(lbGlobal.errorFlag);
-    EXPECT_EQ(TrailLines(),
-              (std::vector<std::string>{std::string(ADD_TEXT) + "|recaster/archive.cpp|"
-                                                                "Component signature is longer than the 512 bytes of "
-                                                                "its record"}));
+    ExpectRefusedAdding("Component signature is longer than the 512 bytes of its record");
 }
 
 TEST_F(ArchiveBuildTest, SignatureOfExactly512BytesFits)
@@ -496,10 +419,7 @@ TEST_F(ArchiveBuildTest, ArchiveWithoutComponentsIsSignedOverTheEmptyDigest)
 
 TEST_F(ArchiveBuildTest, InitStopsOnARaisedFlag)
 {
-    const unsigned line = __LINE__;
-    ASSERT_TRUE(built.PreOpen(__FILE__, line, nullptr));
-    ASSERT_TRUE(built.Open("k", "development", 3));
-    ASSERT_TRUE(built.PostOpen(line));
+    ASSERT_TRUE(testsupport::OpenObject(built, [](archive& a) { return a.Open("k", "development", 3); }));
     lbGlobal.errorFlag = true;
     EXPECT_FALSE(built.InitAddComponentsFromCmdline());
     EXPECT_EQ(TrailLines(), (std::vector<std::string>{"bool markforge::archive::InitAddComponentsFromCmdline()|"
@@ -534,8 +454,7 @@ TEST_F(ArchiveBuildTest, BuildingOpenStartsEmptyAtOffsetZero)
 TEST_F(ArchiveBuildTest, HeaderWrittenFromTheArchiveIsFoundAndLoadedAgain)
 {
     MakeKey();
-    const std::vector<Component> parts = {MakeComponent("boot", 100, 1), MakeComponent("kernel", 200, 2),
-                                          MakeComponent("rootfs", 50, 3)};
+    const std::vector<Component> parts = BootKernelAndRootfs();
     ASSERT_TRUE(Build("development", 3, parts));
     const std::string path = dir.file("container.hdr");
     WriteHeader(path);
@@ -543,9 +462,7 @@ TEST_F(ArchiveBuildTest, HeaderWrittenFromTheArchiveIsFoundAndLoadedAgain)
 
     // The block as written, read with literal offsets.
     const Bytes block = testsupport::ReadBytes(path);
-    ASSERT_EQ(block.size(), 4096u);
-    EXPECT_EQ(markforge::load_be32(&block[0]), 0xDEADC0DEu);
-    EXPECT_EQ(markforge::load_be32(&block[4]), 4u);
+    ASSERT_NO_FATAL_FAILURE(testblocks::ExpectBlockFrame(block));
     ASSERT_EQ(markforge::load_be32(&block[8]), 256u);
     EXPECT_EQ(Bytes(block.begin() + 12, block.begin() + 12 + 256), ArchiveSignature());
     ASSERT_EQ(markforge::load_be32(&block[12 + 256]), 3u * 540u);
@@ -560,36 +477,29 @@ TEST_F(ArchiveBuildTest, HeaderWrittenFromTheArchiveIsFoundAndLoadedAgain)
         ExpectVerifies(3, parts[i].bytes, r.signature);
     }
     EXPECT_EQ(markforge::load_be32(&block[table + 3 * 540]), 32u);
-    EXPECT_EQ(markforge::load_be32(&block[4092]), 0xFEEDFACEu);
 
     // Loaded again through the reader.
-    header in;
-    const unsigned line = __LINE__;
-    ASSERT_TRUE(in.PreOpen(__FILE__, line, nullptr));
-    ASSERT_TRUE(in.Open());
-    ASSERT_TRUE(in.PostOpen(line));
+    Opened<header> in;
+    ASSERT_TRUE(in.opened);
     std::ifstream stream;
-    ASSERT_TRUE(in.CreateFromFilePath(path, stream, 3));
-    EXPECT_EQ(in.HeaderOffset(), 0u);
-    EXPECT_EQ(in.SignatureSize(), 256u);
-    EXPECT_EQ(in.ArchiveSize(), 3u * 540u);
-    EXPECT_EQ(in.DigestLength(), 32u);
+    ASSERT_TRUE(in->CreateFromFilePath(path, stream, 3));
+    EXPECT_EQ(in->HeaderOffset(), 0u);
+    EXPECT_EQ(in->SignatureSize(), 256u);
+    EXPECT_EQ(in->ArchiveSize(), 3u * 540u);
+    EXPECT_EQ(in->DigestLength(), 32u);
     lbBytes signature;
-    EXPECT_TRUE(in.GetHeaderSignature(signature));
+    EXPECT_TRUE(in->GetHeaderSignature(signature));
     EXPECT_EQ(signature.buffer, ArchiveSignature());
     ExpectVerifies(3, parts[0].bytes + parts[1].bytes + parts[2].bytes, signature.buffer);
     for (uint8_t i = 0; i < 3; ++i) {
         uint32_t offset = 99;
         lbBytes componentSignature;
-        EXPECT_TRUE(in.GetOffsetById(i, offset));
+        EXPECT_TRUE(in->GetOffsetById(i, offset));
         EXPECT_EQ(offset, offsets[i]);
-        EXPECT_TRUE(in.GetSignatureById(i, componentSignature));
+        EXPECT_TRUE(in->GetSignatureById(i, componentSignature));
         EXPECT_EQ(componentSignature.buffer, ComponentSignature(i));
     }
     EXPECT_FALSE(lbGlobal.errorFlag);
-    in.PreClose();
-    in.Close();
-    in.PostClose();
 }
 
 TEST_F(ArchiveBuildTest, HeaderOfAOneComponentArchiveCarriesItsSignatureTwice)
@@ -615,23 +525,17 @@ TEST_F(ArchiveBuildTest, HeaderOfTwoComponentsIsFoundInsideALargerFile)
     ASSERT_TRUE(Build("development", 4, {a, b}));
     const std::string blockPath = dir.file("two.hdr");
     WriteHeader(blockPath);
-    const std::string image = Pattern(1000, 82) + testsupport::ReadFile(blockPath) + a.bytes + b.bytes;
+    const std::string image = PseudoRandom(1000, 82) + testsupport::ReadFile(blockPath) + a.bytes + b.bytes;
     const std::string imagePath = dir.file("image.bin");
     testsupport::WriteFile(imagePath, image);
 
-    header in;
-    const unsigned line = __LINE__;
-    ASSERT_TRUE(in.PreOpen(__FILE__, line, nullptr));
-    ASSERT_TRUE(in.Open());
-    ASSERT_TRUE(in.PostOpen(line));
+    Opened<header> in;
+    ASSERT_TRUE(in.opened);
     std::ifstream stream;
-    ASSERT_TRUE(in.CreateFromFilePath(imagePath, stream, 4));
-    EXPECT_EQ(in.HeaderOffset(), 1000u);
-    EXPECT_EQ(in.DigestLength(), 64u);
+    ASSERT_TRUE(in->CreateFromFilePath(imagePath, stream, 4));
+    EXPECT_EQ(in->HeaderOffset(), 1000u);
+    EXPECT_EQ(in->DigestLength(), 64u);
     lbBytes signature;
-    in.GetHeaderSignature(signature);
+    in->GetHeaderSignature(signature);
     ExpectVerifies(4, a.bytes + b.bytes, signature.buffer);
-    in.PreClose();
-    in.Close();
-    in.PostClose();
 }

@@ -5,6 +5,7 @@
 
 #include "archive.h"
 #include "containerBlock.h"
+#include "openedObject.h"
 #include "testSupport.h"
 
 using markforge::archive;
@@ -35,30 +36,12 @@ std::string Entry(const std::string& function, const std::string& message)
 
 // An archive opened on a 4096-byte block through the full opening sequence,
 // closed again when it goes if it is still open.
-class LoadedArchive {
+class LoadedArchive : public testsupport::Opened<archive> {
 public:
     LoadedArchive(const Bytes& block, uint32_t start, uint32_t size, uint32_t hashId = 3)
+        : Opened([&](archive& a) { return a.Open(reinterpret_cast<const char*>(block.data()), start, size, hashId); })
     {
-        const unsigned line = __LINE__;
-        EXPECT_TRUE(_a.PreOpen(__FILE__, line, nullptr));
-        opened = _a.Open(reinterpret_cast<const char*>(block.data()), start, size, hashId);
-        if (opened) {
-            EXPECT_TRUE(_a.PostOpen(line));
-        }
     }
-    ~LoadedArchive()
-    {
-        if (!_a.IsOpen()) return;
-        _a.PreClose();
-        _a.Close();
-        _a.PostClose();
-    }
-    archive* operator->() { return &_a; }
-    archive& operator*() { return _a; }
-    bool opened = false;
-
-private:
-    archive _a;
 };
 
 // A block whose table of `count` sample records starts at 16 + S.
@@ -75,7 +58,42 @@ Bytes RecordAt(const archive& a, size_t index)
     return Bytes(a.CompBlockList.at(index).bytes, a.CompBlockList.at(index).bytes + 540);
 }
 
-class Archive : public testsupport::FrameworkTest {};
+class Archive : public testsupport::FrameworkTest {
+protected:
+    // Loading `block` with `start` and `size` succeeds with `count` records.
+    void ExpectLoads(const Bytes& block, uint32_t start, uint32_t size, size_t count)
+    {
+        LoadedArchive a(block, start, size);
+        EXPECT_TRUE(a.opened);
+        EXPECT_EQ(a->CompBlockList.size(), count);
+    }
+
+    // What GetSignature hands out for the only record of a block, into a
+    // buffer that held `before`.
+    Bytes SignatureOfOnlyRecord(const Record& r, const Bytes& before = {})
+    {
+        Block b;
+        b.records = {r};
+        const Bytes block = BlockBytes(b);
+        LoadedArchive a(block, 80, 540);
+        EXPECT_TRUE(a.opened);
+        lbBytes signature;
+        signature.buffer = before;
+        EXPECT_TRUE(a->GetSignature(0, signature));
+        return signature.buffer;
+    }
+
+    // Loading `block` with `start` and `size` is refused by the sum check,
+    // and loads nothing.
+    void ExpectStartPlusSizeRefused(const Bytes& block, uint32_t start, uint32_t size)
+    {
+        LoadedArchive a(block, start, size);
+        EXPECT_FALSE(a.opened);
+        EXPECT_TRUE(lbGlobal.errorFlag);
+        EXPECT_EQ(TrailLines(), (Lines{Entry(OPEN, "( start + size < HEADER_SIZE )")}));
+        EXPECT_TRUE(a->CompBlockList.empty());
+    }
+};
 
 TEST_F(Archive, SixRecordsBehindAFullSignatureAreLoaded)
 {
@@ -89,36 +107,22 @@ TEST_F(Archive, SixRecordsBehindAFullSignatureAreLoaded)
 
 TEST_F(Archive, StartPlusSizeReachingTheBlockEndIsRefused)
 {
-    const Bytes block = BlockWith(512, 0);
-    LoadedArchive a(block, 528, 3780);
-    EXPECT_FALSE(a.opened);
-    EXPECT_TRUE(lbGlobal.errorFlag);
-    EXPECT_EQ(TrailLines(), (Lines{Entry(OPEN, "( start + size < HEADER_SIZE )")}));
-    EXPECT_TRUE(a->CompBlockList.empty());
+    ExpectStartPlusSizeRefused(BlockWith(512, 0), 528, 3780);
 }
 
 TEST_F(Archive, StartPlusSizeOneBelowTheBlockEndIsAccepted)
 {
-    const Bytes block = BlockWith(512, 6);
-    LoadedArchive a(block, 528, 3567);
-    EXPECT_TRUE(a.opened);
-    EXPECT_EQ(a->CompBlockList.size(), 6u);
+    ExpectLoads(BlockWith(512, 6), 528, 3567, 6);
 }
 
 TEST_F(Archive, StartPlusSizeThatWrapsAroundIsRefused)
 {
-    const Bytes block = BlockWith(64, 0);
-    LoadedArchive a(block, 0xFFFFFFFFu, 2);
-    EXPECT_FALSE(a.opened);
-    EXPECT_EQ(TrailLines(), (Lines{Entry(OPEN, "( start + size < HEADER_SIZE )")}));
+    ExpectStartPlusSizeRefused(BlockWith(64, 0), 0xFFFFFFFFu, 2);
 }
 
 TEST_F(Archive, SizeZeroLoadsNothingAndSucceeds)
 {
-    const Bytes block = BlockWith(64, 2);
-    LoadedArchive a(block, 80, 0);
-    EXPECT_TRUE(a.opened);
-    EXPECT_TRUE(a->CompBlockList.empty());
+    ExpectLoads(BlockWith(64, 2), 80, 0, 0);
     EXPECT_TRUE(TrailLines().empty());
 }
 
@@ -128,9 +132,7 @@ TEST_F(Archive, SizeNotAboveStartLoadsNothingAndSucceeds)
     const Bytes block = BlockWith(512, 1);
     for (uint32_t size : {100u, 528u}) {
         SCOPED_TRACE(size);
-        LoadedArchive a(block, 528, size);
-        EXPECT_TRUE(a.opened);
-        EXPECT_TRUE(a->CompBlockList.empty());
+        ExpectLoads(block, 528, size, 0);
     }
 }
 
@@ -148,10 +150,7 @@ TEST_F(Archive, DirectCallNeverCopiesPastTheBlock)
 {
     // Start 0 and size 4095 pass the sum check; the record that would start
     // at 3780 would end 224 bytes past the block and is not taken.
-    const Bytes block(4096, 0x5A);
-    LoadedArchive a(block, 0, 4095);
-    EXPECT_TRUE(a.opened);
-    EXPECT_EQ(a->CompBlockList.size(), 7u);
+    ExpectLoads(Bytes(4096, 0x5A), 0, 4095, 7);
 }
 
 TEST_F(Archive, HashIdentifierKeepsFourAndFiveAndMapsTheRestToSha256)
@@ -241,17 +240,10 @@ TEST_F(Archive, OffsetAndSizeAreReadBigEndian)
 
 TEST_F(Archive, SignatureOfLength256IsExactly256BytesWhateverTheFieldHoldsBehind)
 {
-    Block b;
     Record r = SampleRecord(0, 256);
     r.fieldFill = 0xAA;
-    b.records = {r};
-    const Bytes block = BlockBytes(b);
-    LoadedArchive a(block, 80, 540);
-    ASSERT_TRUE(a.opened);
-    lbBytes signature;
-    signature.buffer = Bytes(1000, 0x01);  // replaced, not appended to
-    EXPECT_TRUE(a->GetSignature(0, signature));
-    EXPECT_EQ(signature.buffer, r.signature);
+    // The buffer's earlier bytes are replaced, not appended to.
+    EXPECT_EQ(SignatureOfOnlyRecord(r, Bytes(1000, 0x01)), r.signature);
 }
 
 TEST_F(Archive, SignatureLengthWordAboveTheFieldStaysInsideTheTable)
@@ -281,17 +273,10 @@ TEST_F(Archive, SignatureLengthWordAboveTheFieldStaysInsideTheTable)
 
 TEST_F(Archive, HugeSignatureLengthWordStopsAtTheTableEnd)
 {
-    Block b;
     Record r = SampleRecord(0, 100);
     r.explicitLength = true;
     r.signatureLength = 0xFFFFFFFF;
-    b.records = {r};
-    const Bytes block = BlockBytes(b);
-    LoadedArchive a(block, 80, 540);
-    ASSERT_TRUE(a.opened);
-    lbBytes signature;
-    EXPECT_TRUE(a->GetSignature(0, signature));
-    EXPECT_EQ(signature.buffer.size(), 512u);
+    EXPECT_EQ(SignatureOfOnlyRecord(r).size(), 512u);
 }
 
 TEST_F(Archive, ComponentsDataIsTheTableAsStored)

@@ -1,18 +1,20 @@
 // recaster::converter key conversions called directly: raw, PEM and
 // markforge key files, their edge cases and their exact trail entries.
-#include <sys/stat.h>
-
 #include <memory>
 #include <string>
 #include <vector>
 
 #include "converter.h"
+#include "fixtures.h"
 #include "lbRsa.h"
 #include "lbSteps.h"
+#include "openedObject.h"
+#include "testKeys.h"
 #include "testSupport.h"
 
 using recaster::converter;
 using testsupport::FileExists;
+using testsupport::FileMode;
 using testsupport::Openssl;
 using testsupport::ReadBytes;
 using testsupport::ReadFile;
@@ -42,34 +44,18 @@ const std::string MAKE_KEY =
 const std::string WRITE_KEY = "bool lbRsa::WriteKeyToDisk(const string&)";
 const std::string READ_KEY = "bool lbRsa::ReadKeyFromDisk(const string&)";
 
-std::string Entry(const std::string& function, const std::string& file, const std::string& message)
-{
-    return function + "|" + file + "|" + message;
-}
+// One line of TrailLines(): "function|file|message".
+const auto Entry = testsupport::TrailLine;
 
 // A converter taken through its opening sequence, with its output format
 // set, and closed again when the test is done with it.
-class OpenConverter {
+class OpenConverter : public testsupport::Opened<converter> {
 public:
     explicit OpenConverter(const std::string& oformat)
     {
-        const unsigned line = __LINE__;
-        EXPECT_TRUE(_c.PreOpen(__FILE__, line, nullptr));
-        EXPECT_TRUE(_c.Open());
-        EXPECT_TRUE(_c.PostOpen(line));
-        EXPECT_TRUE(_c.SetOFormat(oformat));
+        EXPECT_TRUE(opened);
+        EXPECT_TRUE((*this)->SetOFormat(oformat));
     }
-    ~OpenConverter()
-    {
-        _c.PreClose();
-        _c.Close();
-        _c.PostClose();
-    }
-    converter* operator->() { return &_c; }
-    converter& operator*() { return _c; }
-
-private:
-    converter _c;
 };
 
 // The five texts of a markforge key file, read through the framework.
@@ -86,21 +72,6 @@ KeyTexts ReadMarkforgeKey(const std::string& path)
     return key;
 }
 
-mode_t FileMode(const std::string& path)
-{
-    struct stat info {};
-    EXPECT_EQ(stat(path.c_str(), &info), 0) << path;
-    return info.st_mode & 07777;
-}
-
-Bytes HexBytes(const std::string& hex)
-{
-    Bytes bytes;
-    for (size_t i = 0; i + 1 < hex.size(); i += 2)
-        bytes.push_back(static_cast<uint8_t>(std::stoul(hex.substr(i, 2), nullptr, 16)));
-    return bytes;
-}
-
 }  // namespace
 
 // One 2048-bit key per test program, in the forms the tests convert from.
@@ -115,12 +86,8 @@ protected:
         Openssl({"req", "-x509", "-new", "-key", Key("pkcs8.pem"), "-subj", "/CN=recaster test", "-days", "1", "-out",
                  Key("cert.pem")});
         Openssl({"genpkey", "-algorithm", "EC", "-pkeyopt", "ec_paramgen_curve:P-256", "-out", Key("ec.pem")});
-        // "Modulus=<upper-case hex>\n"
-        std::string modulus = Openssl({"rsa", "-pubin", "-in", Key("public.pem"), "-modulus", "-noout"}).out;
-        modulus = modulus.substr(modulus.find('=') + 1);
-        modulus.erase(modulus.find_last_not_of("\r\n") + 1);
-        modulusHex = new std::string(modulus);
-        WriteBytes(Key("public.raw"), HexBytes(modulus));
+        modulusHex = new std::string(testsupport::OpensslModulusHex(Key("public.pem"), true));
+        WriteBytes(Key("public.raw"), testsupport::FromHex(*modulusHex));
     }
     static void TearDownTestSuite()
     {
@@ -140,6 +107,31 @@ protected:
         EXPECT_TRUE(((*c).*convert)(input, path));
         EXPECT_FALSE(lbGlobal.errorFlag);
         return path;
+    }
+
+    // `convert` from `input` to `output`, on a converter writing `oformat`,
+    // fails with exactly `trail` and the flag raised.
+    void ExpectFails(const std::string& oformat, Conversion convert, const std::string& input,
+                     const std::string& output, const Lines& trail)
+    {
+        OpenConverter c(oformat);
+        EXPECT_FALSE(((*c).*convert)(input, output));
+        EXPECT_EQ(TrailLines(), trail);
+        EXPECT_TRUE(lbGlobal.errorFlag);
+    }
+
+    // The PEM key `name` converted into a folder that does not exist: the
+    // conversion itself succeeds, but `writer` records the failed write and
+    // the flag is raised.
+    void ExpectWriterFailureReported(const std::string& name, const std::string& writer)
+    {
+        OpenConverter c("markforge");
+        const std::string path = Out("no/such/dir/out.mf");
+        EXPECT_TRUE(c->ConvertFromPEM(Key(name), path));
+        EXPECT_TRUE(lbGlobal.errorFlag);
+        const std::string cannotCreate = "Key file " + path + " cannot be created: No such file or directory";
+        EXPECT_EQ(TrailLines(), (Lines{Entry(WRITE_KEY, LBRSA_CPP, cannotCreate),
+                                       Entry(writer, CONVERTER_CPP, "Boolean return value failed.")}));
     }
 
     static std::unique_ptr<TempDir> keys;
@@ -206,11 +198,9 @@ TEST_F(ConverterKeys, EmptyRawFileToPemStillSucceeds)
 TEST_F(ConverterKeys, EmptyRawFileToMarkforgeFailsInMakeKeyFromExps)
 {
     WriteFile(Out("empty.raw"), "");
-    OpenConverter c("markforge");
-    EXPECT_FALSE(c->ConvertFromBIN(Out("empty.raw"), Out("out.mf")));
-    EXPECT_TRUE(lbGlobal.errorFlag);
-    EXPECT_EQ(TrailLines(), (Lines{Entry(MAKE_KEY, LBRSA_CPP, "Not an RSA key: the modulus n is empty"),
-                                   Entry(FROM_BIN, CONVERTER_CPP, "Boolean return value failed.")}));
+    ExpectFails("markforge", &converter::ConvertFromBIN, Out("empty.raw"), Out("out.mf"),
+                {Entry(MAKE_KEY, LBRSA_CPP, "Not an RSA key: the modulus n is empty"),
+                 Entry(FROM_BIN, CONVERTER_CPP, "Boolean return value failed.")});
     EXPECT_FALSE(FileExists(Out("out.mf")));
 }
 
@@ -269,13 +259,10 @@ TEST_F(ConverterKeys, RawToMarkforgeAfterEarlierFailureStops)
 
 TEST_F(ConverterKeys, RawToMarkforgeIntoMissingDirectoryFailsInWriteKeyToDisk)
 {
-    OpenConverter c("markforge");
     const std::string path = Out("no/such/dir/out.mf");
-    EXPECT_FALSE(c->ConvertFromBIN(Key("public.raw"), path));
-    EXPECT_EQ(TrailLines(),
-              (Lines{Entry(WRITE_KEY, LBRSA_CPP, "Key file " + path + " cannot be created: No such file or directory"),
-                     Entry(FROM_BIN, CONVERTER_CPP, "Boolean return value failed.")}));
-    EXPECT_TRUE(lbGlobal.errorFlag);
+    ExpectFails("markforge", &converter::ConvertFromBIN, Key("public.raw"), path,
+                {Entry(WRITE_KEY, LBRSA_CPP, "Key file " + path + " cannot be created: No such file or directory"),
+                 Entry(FROM_BIN, CONVERTER_CPP, "Boolean return value failed.")});
 }
 
 TEST_F(ConverterKeys, WriteRawKeyWritesTheBytesOfTheText)
@@ -327,10 +314,8 @@ TEST_F(ConverterKeys, PemAfterEarlierFailureStopsBeforeLookingForTheInput)
 
 TEST_F(ConverterKeys, MissingPemInputIsNotFound)
 {
-    OpenConverter c("markforge");
-    EXPECT_FALSE(c->ConvertFromPEM(Out("missing.pem"), Out("out.mf")));
-    EXPECT_EQ(TrailLines(), (Lines{Entry(FROM_PEM, CONVERTER_CPP, "Input file not found")}));
-    EXPECT_TRUE(lbGlobal.errorFlag);
+    ExpectFails("markforge", &converter::ConvertFromPEM, Out("missing.pem"), Out("out.mf"),
+                {Entry(FROM_PEM, CONVERTER_CPP, "Input file not found")});
     EXPECT_FALSE(FileExists(Out("out.mf")));
 }
 
@@ -365,10 +350,8 @@ TEST_F(ConverterKeys, PrivateKeyToRawOrPemIsNotSupported)
     for (const char* oformat : {"raw", "pem"}) {
         SCOPED_TRACE(oformat);
         lbGlobal.Reset();
-        OpenConverter c(oformat);
-        EXPECT_FALSE(c->ConvertFromPEM(Key("pkcs1.pem"), Out("out")));
-        EXPECT_EQ(TrailLines(), (Lines{Entry("ConvertFromPEM", CONVERTER_CPP, "conversion not supported")}));
-        EXPECT_TRUE(lbGlobal.errorFlag);
+        ExpectFails(oformat, &converter::ConvertFromPEM, Key("pkcs1.pem"), Out("out"),
+                    {Entry("ConvertFromPEM", CONVERTER_CPP, "conversion not supported")});
         EXPECT_FALSE(FileExists(Out("out")));
     }
 }
@@ -397,10 +380,8 @@ TEST_F(ConverterKeys, PublicKeyToRawGivesModulusBytesWithoutLeadingZero)
 
 TEST_F(ConverterKeys, PublicKeyToPemIsNotSupported)
 {
-    OpenConverter c("pem");
-    EXPECT_FALSE(c->ConvertFromPEM(Key("public.pem"), Out("out.pem")));
-    EXPECT_EQ(TrailLines(), (Lines{Entry("ConvertFromPEM", CONVERTER_CPP, "conversion not supported")}));
-    EXPECT_TRUE(lbGlobal.errorFlag);
+    ExpectFails("pem", &converter::ConvertFromPEM, Key("public.pem"), Out("out.pem"),
+                {Entry("ConvertFromPEM", CONVERTER_CPP, "conversion not supported")});
     EXPECT_FALSE(FileExists(Out("out.pem")));
 }
 
@@ -413,10 +394,8 @@ TEST_F(ConverterKeys, FilesHoldingNoRsaKeyAreNotRecognized)
          {Key("cert.pem"), Key("ec.pem"), Out("plain.txt"), Out("empty.pem"), Out("truncated.pem"), dir.path()}) {
         SCOPED_TRACE(input);
         lbGlobal.Reset();
-        OpenConverter c("markforge");
-        EXPECT_FALSE(c->ConvertFromPEM(input, Out("out.mf")));
-        EXPECT_EQ(TrailLines(), (Lines{Entry("ConvertFromPEM", CONVERTER_CPP, "key format not recognized")}));
-        EXPECT_TRUE(lbGlobal.errorFlag);
+        ExpectFails("markforge", &converter::ConvertFromPEM, input, Out("out.mf"),
+                    {Entry("ConvertFromPEM", CONVERTER_CPP, "key format not recognized")});
         EXPECT_FALSE(FileExists(Out("out.mf")));
     }
 }
@@ -434,24 +413,12 @@ TEST_F(ConverterKeys, PublicKeyIsFoundAfterThePrivateAttemptReadThroughTheFile)
 
 TEST_F(ConverterKeys, FailingPrivateWriterIsReportedButPemConversionSucceeds)
 {
-    OpenConverter c("markforge");
-    const std::string path = Out("no/such/dir/out.mf");
-    EXPECT_TRUE(c->ConvertFromPEM(Key("pkcs1.pem"), path));
-    EXPECT_TRUE(lbGlobal.errorFlag);
-    EXPECT_EQ(TrailLines(),
-              (Lines{Entry(WRITE_KEY, LBRSA_CPP, "Key file " + path + " cannot be created: No such file or directory"),
-                     Entry(WRITE_PRIVATE, CONVERTER_CPP, "Boolean return value failed.")}));
+    ExpectWriterFailureReported("pkcs1.pem", WRITE_PRIVATE);
 }
 
 TEST_F(ConverterKeys, FailingPublicWriterIsReportedButPemConversionSucceeds)
 {
-    OpenConverter c("markforge");
-    const std::string path = Out("no/such/dir/out.mf");
-    EXPECT_TRUE(c->ConvertFromPEM(Key("public.pem"), path));
-    EXPECT_TRUE(lbGlobal.errorFlag);
-    EXPECT_EQ(TrailLines(),
-              (Lines{Entry(WRITE_KEY, LBRSA_CPP, "Key file " + path + " cannot be created: No such file or directory"),
-                     Entry(WRITE_PUBLIC, CONVERTER_CPP, "Boolean return value failed.")}));
+    ExpectWriterFailureReported("public.pem", WRITE_PUBLIC);
 }
 
 // ---- markforge key file writers ------------------------------------------------
@@ -518,10 +485,8 @@ TEST_F(ConverterKeys, MarkforgeAfterEarlierFailureStops)
 
 TEST_F(ConverterKeys, MissingMarkforgeInputIsNotFound)
 {
-    OpenConverter c("pem");
-    EXPECT_FALSE(c->ConvertFromMF(Out("missing.mf"), Out("out.pem")));
-    EXPECT_EQ(TrailLines(), (Lines{Entry(FROM_MF, CONVERTER_CPP, "Input file not found")}));
-    EXPECT_TRUE(lbGlobal.errorFlag);
+    ExpectFails("pem", &converter::ConvertFromMF, Out("missing.mf"), Out("out.pem"),
+                {Entry(FROM_MF, CONVERTER_CPP, "Input file not found")});
     EXPECT_FALSE(FileExists(Out("out.pem")));
 }
 
@@ -555,10 +520,8 @@ TEST_F(ConverterKeys, MarkforgeToMarkforgeIsRefusedAfterEmptyingTheOutput)
         lbGlobal.Reset();
         const std::string path = ToMarkforge(Key(name), &converter::ConvertFromPEM);
         WriteFile(Out("out.mf"), "earlier content");
-        OpenConverter c("markforge");
-        EXPECT_FALSE(c->ConvertFromMF(path, Out("out.mf")));
-        EXPECT_EQ(TrailLines(), (Lines{Entry("ConvertFromMF", CONVERTER_CPP, "conversion not supported")}));
-        EXPECT_TRUE(lbGlobal.errorFlag);
+        ExpectFails("markforge", &converter::ConvertFromMF, path, Out("out.mf"),
+                    {Entry("ConvertFromMF", CONVERTER_CPP, "conversion not supported")});
         EXPECT_TRUE(FileExists(Out("out.mf")));
         EXPECT_EQ(ReadFile(Out("out.mf")), "");
     }
@@ -567,10 +530,8 @@ TEST_F(ConverterKeys, MarkforgeToMarkforgeIsRefusedAfterEmptyingTheOutput)
 TEST_F(ConverterKeys, PrivateMarkforgeKeyToRawIsRefusedLeavingAnEmptyFile)
 {
     const std::string path = ToMarkforge(Key("pkcs1.pem"), &converter::ConvertFromPEM);
-    OpenConverter c("raw");
-    EXPECT_FALSE(c->ConvertFromMF(path, Out("out.raw")));
-    EXPECT_EQ(TrailLines(), (Lines{Entry("ConvertFromMF", CONVERTER_CPP, "conversion not supported")}));
-    EXPECT_TRUE(lbGlobal.errorFlag);
+    ExpectFails("raw", &converter::ConvertFromMF, path, Out("out.raw"),
+                {Entry("ConvertFromMF", CONVERTER_CPP, "conversion not supported")});
     EXPECT_TRUE(FileExists(Out("out.raw")));
     EXPECT_EQ(ReadFile(Out("out.raw")), "");
 }
@@ -578,23 +539,18 @@ TEST_F(ConverterKeys, PrivateMarkforgeKeyToRawIsRefusedLeavingAnEmptyFile)
 TEST_F(ConverterKeys, MarkforgeOutputInMissingDirectoryIsReportedAsInputNotFound)
 {
     const std::string path = ToMarkforge(Key("public.pem"), &converter::ConvertFromPEM);
-    OpenConverter c("pem");
-    EXPECT_FALSE(c->ConvertFromMF(path, Out("no/such/dir/out.pem")));
-    EXPECT_EQ(TrailLines(), (Lines{Entry(FROM_MF, CONVERTER_CPP, "Input file not found")}));
-    EXPECT_TRUE(lbGlobal.errorFlag);
+    ExpectFails("pem", &converter::ConvertFromMF, path, Out("no/such/dir/out.pem"),
+                {Entry(FROM_MF, CONVERTER_CPP, "Input file not found")});
 }
 
 TEST_F(ConverterKeys, MalformedMarkforgeInputFailsInReadKeyFromDisk)
 {
     WriteFile(Out("bad.mf"), "markforge-rsa-key 1\nkind: private\nn: 0CA1\ne: 11\np: 3D\nend\n");
-    OpenConverter c("pem");
-    EXPECT_FALSE(c->ConvertFromMF(Out("bad.mf"), Out("out.pem")));
-    EXPECT_EQ(TrailLines(),
-              (Lines{Entry(READ_KEY, LBRSA_CPP,
-                           "Key file " + Out("bad.mf") +
-                               " is not a markforge key file: line 6: expected \"q: \" and a number"),
-                     Entry(FROM_MF, CONVERTER_CPP, "Boolean return value failed.")}));
-    EXPECT_TRUE(lbGlobal.errorFlag);
+    ExpectFails("pem", &converter::ConvertFromMF, Out("bad.mf"), Out("out.pem"),
+                {Entry(READ_KEY, LBRSA_CPP,
+                       "Key file " + Out("bad.mf") +
+                           " is not a markforge key file: line 6: expected \"q: \" and a number"),
+                 Entry(FROM_MF, CONVERTER_CPP, "Boolean return value failed.")});
     // The output is opened only after the key has been read.
     EXPECT_FALSE(FileExists(Out("out.pem")));
 }

@@ -7,6 +7,7 @@
 
 #include "containerBlock.h"
 #include "converter.h"
+#include "fixtures.h"
 #include "testSupport.h"
 
 using recaster::converter;
@@ -31,10 +32,8 @@ const std::string FROM_MF = "bool recaster::converter::ConvertSigFromMF(const st
 const std::string FROM_DER = "bool recaster::converter::ConvertSigFromDER(const string&, const string&)";
 const std::string CREATE = "bool markforge::header::CreateFromFilePath(const string&, std::ifstream&, uint32_t)";
 
-std::string Entry(const std::string& function, const std::string& file, const std::string& message)
-{
-    return function + "|" + file + "|" + message;
-}
+// One line of TrailLines(): "function|file|message".
+const auto Entry = testsupport::TrailLine;
 
 // DER element: tag byte, short or long length, contents.
 Bytes Der(uint8_t tag, const Bytes& contents)

@@ -4,8 +4,10 @@
 
 #include <sstream>
 
+#include "fixtures.h"
 #include "hash.h"
 #include "lbGlobal.h"
+#include "openedObject.h"
 #include "testKeys.h"
 #include "testSupport.h"
 
@@ -17,13 +19,7 @@ namespace {
 // Reproducible bytes that are not all alike.
 std::string Pattern(size_t size)
 {
-    std::string bytes(size, '\0');
-    uint32_t state = 0x12345678;
-    for (char& c : bytes) {
-        state = state * 1103515245u + 12345u;
-        c = static_cast<char>(state >> 23);
-    }
-    return bytes;
+    return testsupport::PseudoRandom(size, 0x12345678);
 }
 
 // An in-memory buffer that records every bulk read made through it, so a
@@ -56,18 +52,11 @@ protected:
     void SetUp() override
     {
         FrameworkTest::SetUp();
-        const unsigned line = __LINE__;
-        ASSERT_TRUE(object.PreOpen(__FILE__, line, nullptr));
-        ASSERT_TRUE(object.Open());
-        ASSERT_TRUE(object.PostOpen(line));
+        ASSERT_TRUE(testsupport::OpenObject(object));
     }
     void TearDown() override
     {
-        if (object.IsOpen()) {
-            object.PreClose();
-            object.Close();
-            object.PostClose();
-        }
+        testsupport::CloseObject(object);
         FrameworkTest::TearDown();
     }
 
@@ -90,6 +79,18 @@ protected:
         std::string text;
         EXPECT_TRUE(object.GetHashString(text));
         return text;
+    }
+
+    // GenerateHashInternal over the rest of `in` with each hash identifier
+    // gives openssl's digest of `bytes` under the paired name.
+    void ExpectDigestsById(std::ifstream& in, const std::string& bytes,
+                           std::initializer_list<std::pair<uint32_t, const char*>> cases)
+    {
+        for (const auto& [id, name] : cases) {
+            SCOPED_TRACE(id);
+            ASSERT_TRUE(object.GenerateHashInternal(in, hash::TO_END, id));
+            EXPECT_EQ(Digest(), Openssl(name, bytes));
+        }
     }
 
     uint32_t HashedSize()
@@ -262,12 +263,7 @@ TEST_F(HashTest, UnknownHashIdentifierMeansSha256)
     const std::string bytes = Pattern(5000);
     std::ifstream in;
     OpenFile(in, bytes);
-    ASSERT_TRUE(object.GenerateHashInternal(in, hash::TO_END, 7));
-    EXPECT_EQ(Digest(), Openssl("sha256", bytes));
-    ASSERT_TRUE(object.GenerateHashInternal(in, hash::TO_END, 0));
-    EXPECT_EQ(Digest(), Openssl("sha256", bytes));
-    ASSERT_TRUE(object.GenerateHashInternal(in, hash::TO_END, 3));
-    EXPECT_EQ(Digest(), Openssl("sha256", bytes));
+    ExpectDigestsById(in, bytes, {{7, "sha256"}, {0, "sha256"}, {3, "sha256"}});
 }
 
 TEST_F(HashTest, IdentifiersFourAndFiveSelectSha512AndSha384)
@@ -275,10 +271,7 @@ TEST_F(HashTest, IdentifiersFourAndFiveSelectSha512AndSha384)
     const std::string bytes = Pattern(3000);
     std::ifstream in;
     OpenFile(in, bytes);
-    ASSERT_TRUE(object.GenerateHashInternal(in, hash::TO_END, 4));
-    EXPECT_EQ(Digest(), Openssl("sha512", bytes));
-    ASSERT_TRUE(object.GenerateHashInternal(in, hash::TO_END, 5));
-    EXPECT_EQ(Digest(), Openssl("sha384", bytes));
+    ExpectDigestsById(in, bytes, {{4, "sha512"}, {5, "sha384"}});
 }
 
 TEST_F(HashTest, ExplicitSizeHashesThatManyBytesFromThePosition)
@@ -378,15 +371,7 @@ TEST_F(HashTest, RaisedFlagStopsTheWorkerToo)
 
 TEST_F(HashTest, ObjectDestroyedWhileOpenIsReported)
 {
-    {
-        hash forgotten;
-        const unsigned line = __LINE__;
-        ASSERT_TRUE(forgotten.PreOpen(__FILE__, line, nullptr));
-        ASSERT_TRUE(forgotten.Open());
-        ASSERT_TRUE(forgotten.PostOpen(line));
-    }
-    EXPECT_TRUE(lbGlobal.errorFlag);
-    ASSERT_FALSE(TrailLines().empty());
-    EXPECT_EQ(TrailLines().front(), "virtual markforge::hash::~hash()|recaster/hash.h|"
-                                    "Object ( markforge::hash ) was not closed before going out of scope. ");
+    testsupport::ExpectReportedWhenDestroyedOpen<hash>(
+        "virtual markforge::hash::~hash()|recaster/hash.h|"
+        "Object ( markforge::hash ) was not closed before going out of scope. ");
 }

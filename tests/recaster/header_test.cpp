@@ -6,8 +6,11 @@
 #include <string>
 #include <vector>
 
+#include "blockFrame.h"
 #include "containerBlock.h"
+#include "fixtures.h"
 #include "header.h"
+#include "openedObject.h"
 #include "testSupport.h"
 
 using markforge::header;
@@ -40,10 +43,8 @@ const std::string ARCHIVE_GET_SIGNATURE = "bool markforge::archive::GetSignature
 const std::string GET_OFFSET_BY_ID = "bool markforge::header::GetOffsetById(uint8_t, uint32_t&)";
 const std::string WRITE = "bool markforge::header::WriteOutput(const string&)";
 
-std::string Entry(const std::string& function, const std::string& file, const std::string& message)
-{
-    return function + "|" + file + "|" + message;
-}
+// One line of TrailLines(): "function|file|message".
+const auto Entry = testsupport::TrailLine;
 
 // The bytes a 32-bit word occupies in this machine's memory.
 Bytes NativeBytes(uint32_t word)
@@ -59,27 +60,36 @@ Bytes Slice(const Bytes& bytes, size_t at, size_t size)
 }
 
 // A header taken through its opening sequence and closed when it goes.
-class OpenHeader {
+class OpenHeader : public testsupport::Opened<header> {
 public:
-    OpenHeader()
-    {
-        const unsigned line = __LINE__;
-        EXPECT_TRUE(_h.PreOpen(__FILE__, line, nullptr));
-        EXPECT_TRUE(_h.Open());
-        EXPECT_TRUE(_h.PostOpen(line));
-    }
-    ~OpenHeader()
-    {
-        _h.PreClose();
-        _h.Close();
-        _h.PostClose();
-    }
-    header* operator->() { return &_h; }
-    header& operator*() { return _h; }
-
-private:
-    header _h;
+    OpenHeader() { EXPECT_TRUE(opened); }
 };
+
+// A block with an S-byte signature and no records whose table-size word
+// claims `tableSize` bytes.
+Bytes BlockClaimingTable(size_t signatureSize, uint32_t tableSize)
+{
+    Block b;
+    b.signature = Pattern(signatureSize);
+    Bytes block = BlockBytes(b);
+    PokeBe32(block, testblocks::ArchiveSizeAt(signatureSize), tableSize);
+    return block;
+}
+
+// A file of filler bytes holding 32-bit words at the given places and a
+// valid block from `blockAt` on.
+Bytes FileWithWordsAndBlock(const std::vector<std::pair<size_t, uint32_t>>& words, size_t blockAt)
+{
+    Bytes file;
+    for (const auto& [at, word] : words) {
+        file.resize(at, 0x11);
+        PutBe32(file, word);
+    }
+    file.resize(blockAt, 0x11);
+    const Bytes block = BlockBytes(Block{});
+    file.insert(file.end(), block.begin(), block.end());
+    return file;
+}
 
 class Header : public testsupport::FrameworkTest {
 protected:
@@ -111,6 +121,18 @@ protected:
         std::ifstream in(path, std::ios::binary);
         EXPECT_TRUE(h.ScanHeaderOffset(in));
         return h.HeaderOffset();
+    }
+
+    // Loading `path` with hash choice `choice` gives the archive a digest
+    // of `length` bytes.
+    void ExpectArchiveDigestLength(const std::string& path, uint32_t choice, uint32_t length)
+    {
+        SCOPED_TRACE(choice);
+        OpenHeader h;
+        ASSERT_TRUE(Load(*h, path, choice));
+        uint32_t digest = 0;
+        EXPECT_TRUE(h->Archive().GetDigestLength(digest));
+        EXPECT_EQ(digest, length);
     }
 
     // Loads `block` from a file and expects the one failure `message`.
@@ -191,34 +213,17 @@ TEST_F(Header, StrayOpeningCanaryEndsSearchAtNextClosingCanary)
 {
     // DE AD C0 DE at 100; the next FE ED FA CE is the real block's at
     // 1000 + 4092, not 4092 bytes after the stray one.
-    Bytes file(100, 0x11);
-    PutBe32(file, 0xDEADC0DE);
-    file.resize(1000, 0x11);
-    const Bytes block = BlockBytes(Block{});
-    file.insert(file.end(), block.begin(), block.end());
-    EXPECT_EQ(Scan(Put(file)), 0u);
+    EXPECT_EQ(Scan(Put(FileWithWordsAndBlock({{100, 0xDEADC0DE}}, 1000))), 0u);
 }
 
 TEST_F(Header, FirstClosingCanaryEndsTheSearchEvenWhenABlockFollows)
 {
-    Bytes file(10, 0x11);
-    PutBe32(file, 0xDEADC0DE);
-    file.resize(50, 0x11);
-    PutBe32(file, 0xFEEDFACE);
-    file.resize(200, 0x11);
-    const Bytes block = BlockBytes(Block{});
-    file.insert(file.end(), block.begin(), block.end());
-    EXPECT_EQ(Scan(Put(file)), 0u);
+    EXPECT_EQ(Scan(Put(FileWithWordsAndBlock({{10, 0xDEADC0DE}, {50, 0xFEEDFACE}}, 200))), 0u);
 }
 
 TEST_F(Header, ClosingCanaryBeforeAnyOpeningCanaryIsSkipped)
 {
-    Bytes file(10, 0x11);
-    PutBe32(file, 0xFEEDFACE);
-    file.resize(300, 0x11);
-    const Bytes block = BlockBytes(Block{});
-    file.insert(file.end(), block.begin(), block.end());
-    EXPECT_EQ(Scan(Put(file)), 300u);
+    EXPECT_EQ(Scan(Put(FileWithWordsAndBlock({{10, 0xFEEDFACE}}, 300))), 300u);
 }
 
 TEST_F(Header, DoubledFirstByteOfOpeningCanaryIsNotRetried)
@@ -358,9 +363,7 @@ TEST_F(Header, TableSizeOfABlockOrMoreIsRefused)
     for (uint32_t size : {4096u, 0xFFFFFFFFu}) {
         SCOPED_TRACE(size);
         lbGlobal.Reset();
-        Bytes block = BlockBytes(Block{});
-        PokeBe32(block, testblocks::ArchiveSizeAt(64), size);
-        ExpectRefused(block, "_archive_size < HEADER_SIZE");
+        ExpectRefused(BlockClaimingTable(64, size), "_archive_size < HEADER_SIZE");
     }
 }
 
@@ -400,12 +403,8 @@ TEST_F(Header, SevenRecordsFitBehindASixtyByteSignature)
 
 TEST_F(Header, SevenRecordsBehindAFullSignatureFailInTheArchive)
 {
-    Block b;
-    b.signature = Pattern(512);
-    Bytes block = BlockBytes(b);
-    PokeBe32(block, testblocks::ArchiveSizeAt(512), 3780);
     OpenHeader h;
-    EXPECT_FALSE(Load(*h, Put(block)));
+    EXPECT_FALSE(Load(*h, Put(BlockClaimingTable(512, 3780))));
     EXPECT_EQ(TrailLines(), (Lines{Entry(ARCHIVE_OPEN, ARCHIVE_CPP, "( start + size < HEADER_SIZE )"),
                                    Entry(CREATE, HEADER_CPP, "Object Open() routine failed.")}));
     EXPECT_FALSE(h->ArchiveOpen());
@@ -418,14 +417,7 @@ TEST_F(Header, FullSignatureChoosesSha512UnlessSha384IsAsked)
     b.records.pop_back();
     const std::string path = Put(BlockBytes(b));
     const std::pair<uint32_t, uint32_t> cases[] = {{5, 48}, {4, 64}, {3, 64}, {0, 64}, {7, 64}};
-    for (const auto& [choice, length] : cases) {
-        SCOPED_TRACE(choice);
-        OpenHeader h;
-        ASSERT_TRUE(Load(*h, path, choice));
-        uint32_t digest = 0;
-        EXPECT_TRUE(h->Archive().GetDigestLength(digest));
-        EXPECT_EQ(digest, length);
-    }
+    for (const auto& [choice, length] : cases) ExpectArchiveDigestLength(path, choice, length);
 }
 
 TEST_F(Header, ShorterSignatureAlwaysChoosesSha256)
@@ -433,14 +425,7 @@ TEST_F(Header, ShorterSignatureAlwaysChoosesSha256)
     Block b = TwoRecords();
     b.signature = Pattern(511);
     const std::string path = Put(BlockBytes(b));
-    for (uint32_t choice : {3u, 4u, 5u}) {
-        SCOPED_TRACE(choice);
-        OpenHeader h;
-        ASSERT_TRUE(Load(*h, path, choice));
-        uint32_t digest = 0;
-        EXPECT_TRUE(h->Archive().GetDigestLength(digest));
-        EXPECT_EQ(digest, 32u);
-    }
+    for (uint32_t choice : {3u, 4u, 5u}) ExpectArchiveDigestLength(path, choice, 32);
 }
 
 TEST_F(Header, DigestLengthIsReadFromVersionFourOn)
@@ -462,34 +447,23 @@ TEST_F(Header, DigestLengthWordRunningOutOfTheBlockIsCorrupted)
 {
     // 16 + 297 + 3780 = 4093: the table fits the archive's own check, but
     // the word behind it would end one byte past the block.
-    Block b;
-    b.signature = Pattern(297);
-    Bytes block = BlockBytes(b);
-    PokeBe32(block, testblocks::ArchiveSizeAt(297), 3780);
     OpenHeader h;
-    EXPECT_FALSE(Load(*h, Put(block)));
+    EXPECT_FALSE(Load(*h, Put(BlockClaimingTable(297, 3780))));
     EXPECT_EQ(TrailLines(), (Lines{Entry(CREATE, HEADER_CPP, "Corrupted header.")}));
     EXPECT_TRUE(h->ArchiveOpen());  // closed again with the header
 }
 
 TEST_F(Header, DigestLengthWordOnTheClosingCanaryIsRead)
 {
-    Block b;
-    b.signature = Pattern(296);
-    Bytes block = BlockBytes(b);
-    PokeBe32(block, testblocks::ArchiveSizeAt(296), 3780);
     OpenHeader h;
-    ASSERT_TRUE(Load(*h, Put(block)));
+    ASSERT_TRUE(Load(*h, Put(BlockClaimingTable(296, 3780))));
     EXPECT_EQ(h->DigestLength(), 0xFEEDFACEu);
 }
 
 TEST_F(Header, CloseClosesTheArchiveItOpened)
 {
     header h;
-    const unsigned line = __LINE__;
-    ASSERT_TRUE(h.PreOpen(__FILE__, line, nullptr));
-    ASSERT_TRUE(h.Open());
-    ASSERT_TRUE(h.PostOpen(line));
+    ASSERT_TRUE(testsupport::OpenObject(h));
     ASSERT_TRUE(Load(h, Put(BlockBytes(TwoRecords()))));
     EXPECT_TRUE(h.Archive().IsOpen());
     EXPECT_TRUE(h.PreClose());
@@ -699,10 +673,9 @@ TEST_F(Header, BlockFromAnArchiveCarriesItsTableAndDigestLength)
     const Block source = TwoRecords();
     const Bytes block = BlockBytes(source);
     markforge::archive loaded;
-    const unsigned line = __LINE__;
-    ASSERT_TRUE(loaded.PreOpen(__FILE__, line, nullptr));
-    ASSERT_TRUE(loaded.Open(reinterpret_cast<const char*>(block.data()), 80, 1080, 5));
-    ASSERT_TRUE(loaded.PostOpen(line));
+    ASSERT_TRUE(testsupport::OpenObject(loaded, [&](markforge::archive& a) {
+        return a.Open(reinterpret_cast<const char*>(block.data()), 80, 1080, 5);
+    }));
 
     OpenHeader h;
     ASSERT_TRUE(h->CreateFromArchive(loaded));
@@ -712,19 +685,14 @@ TEST_F(Header, BlockFromAnArchiveCarriesItsTableAndDigestLength)
     const std::string path = dir.file("archive.hdr");
     ASSERT_TRUE(h->WriteOutput(path));
     const Bytes written = ReadBytes(path);
-    ASSERT_EQ(written.size(), 4096u);
-    EXPECT_EQ(PeekBe32(written, 0), 0xDEADC0DEu);
-    EXPECT_EQ(PeekBe32(written, 4), 4u);
+    ASSERT_NO_FATAL_FAILURE(testblocks::ExpectBlockFrame(written));
     EXPECT_EQ(PeekBe32(written, 8), 0u);
     EXPECT_EQ(PeekBe32(written, 12), 1080u);
     EXPECT_EQ(Slice(written, 16, 1080), testblocks::TableBytes(source.records));
     EXPECT_EQ(PeekBe32(written, 16 + 1080), 48u);
-    EXPECT_EQ(PeekBe32(written, 4092), 0xFEEDFACEu);
     EXPECT_FALSE(h->ArchiveOpen());
 
-    loaded.PreClose();
-    loaded.Close();
-    loaded.PostClose();
+    testsupport::CloseObject(loaded);
     EXPECT_TRUE(TrailLines().empty());
 }
 

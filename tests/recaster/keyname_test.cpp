@@ -7,6 +7,7 @@
 
 #include "keyname.h"
 #include "lbSteps.h"
+#include "openedObject.h"
 #include "testSupport.h"
 
 using markforge::keyname;
@@ -86,6 +87,29 @@ protected:
         delete[] script.emptyArray;
         script.emptyArray = nullptr;
         FrameworkTest::TearDown();
+    }
+
+    // Open with the generator answering `answer`: false, after one call,
+    // with neither the flag nor the trail touched.
+    void ExpectSilentFailure(GeneratorScript::Answer answer)
+    {
+        script.answer = answer;
+        keyname names;
+        EXPECT_FALSE(names.Open("k", true));
+        EXPECT_EQ(script.calls, 1);
+        EXPECT_FALSE(lbGlobal.errorFlag);
+        EXPECT_TRUE(lbGlobal.trail.empty());
+    }
+
+    // Open without a generator to call: false, the flag raised, and the
+    // missing generator as the only entry.
+    void ExpectMissingGenerator()
+    {
+        keyname names;
+        EXPECT_FALSE(names.Open("k", true));
+        EXPECT_TRUE(lbGlobal.errorFlag);
+        EXPECT_EQ(TrailLines(),
+                  (std::vector<std::string>{std::string(OPEN_TEXT) + "|recaster/keyname.cpp|" + NO_GENERATOR}));
     }
 
     markforgeRegistryRecord registry;
@@ -181,22 +205,12 @@ TEST_F(KeynameTest, SecondOpenAppendsAfterTheFirstNames)
 
 TEST_F(KeynameTest, NullAnswerFailsSilently)
 {
-    script.answer = GeneratorScript::Answer::Null;
-    keyname names;
-    EXPECT_FALSE(names.Open("k", true));
-    EXPECT_EQ(script.calls, 1);
-    EXPECT_FALSE(lbGlobal.errorFlag);
-    EXPECT_TRUE(lbGlobal.trail.empty());
+    ExpectSilentFailure(GeneratorScript::Answer::Null);
 }
 
 TEST_F(KeynameTest, EmptyArrayFailsSilently)
 {
-    script.answer = GeneratorScript::Answer::Empty;
-    keyname names;
-    EXPECT_FALSE(names.Open("k", true));
-    EXPECT_EQ(script.calls, 1);
-    EXPECT_FALSE(lbGlobal.errorFlag);
-    EXPECT_TRUE(lbGlobal.trail.empty());
+    ExpectSilentFailure(GeneratorScript::Answer::Empty);
 }
 
 TEST_F(KeynameTest, EmptyArrayMakesTheCallersCheckedOpenFail)
@@ -227,10 +241,7 @@ TEST_F(KeynameTest, CheckedOpenAndCloseSucceedWithNames)
 TEST_F(KeynameTest, MissingGeneratorIsRecordedAndRaisesTheFlag)
 {
     registry.mfPluginKeynameGenerator = nullptr;
-    keyname names;
-    EXPECT_FALSE(names.Open("k", true));
-    EXPECT_TRUE(lbGlobal.errorFlag);
-    EXPECT_EQ(TrailLines(), (std::vector<std::string>{std::string(OPEN_TEXT) + "|recaster/keyname.cpp|" + NO_GENERATOR}));
+    ExpectMissingGenerator();
 }
 
 TEST_F(KeynameTest, MissingGeneratorStopsEveryLaterCheckedStep)
@@ -255,10 +266,7 @@ TEST_F(KeynameTest, MissingGeneratorStopsEveryLaterCheckedStep)
 TEST_F(KeynameTest, MissingRegistryCountsAsMissingGenerator)
 {
     markforgeRegistry = nullptr;
-    keyname names;
-    EXPECT_FALSE(names.Open("k", true));
-    EXPECT_TRUE(lbGlobal.errorFlag);
-    EXPECT_EQ(TrailLines(), (std::vector<std::string>{std::string(OPEN_TEXT) + "|recaster/keyname.cpp|" + NO_GENERATOR}));
+    ExpectMissingGenerator();
 }
 
 TEST_F(KeynameTest, RaisedFlagStopsBeforeTheGeneratorIsCalled)
@@ -275,15 +283,8 @@ TEST_F(KeynameTest, RaisedFlagStopsBeforeTheGeneratorIsCalled)
 TEST_F(KeynameTest, DestroyedWhileOpenIsReported)
 {
     script.names = {"x"};
-    {
-        keyname names;
-        const unsigned line = __LINE__;
-        ASSERT_TRUE(names.PreOpen(__FILE__, line, nullptr));
-        ASSERT_TRUE(names.Open("k", true));
-        ASSERT_TRUE(names.PostOpen(line));
-    }
-    EXPECT_TRUE(lbGlobal.errorFlag);
-    ASSERT_FALSE(TrailLines().empty());
-    EXPECT_EQ(TrailLines().front(), "virtual markforge::keyname::~keyname()|recaster/keyname.h|"
-                                    "Object ( markforge::keyname ) was not closed before going out of scope. ");
+    testsupport::ExpectReportedWhenDestroyedOpen<keyname>(
+        [](keyname& names) { return names.Open("k", true); },
+        "virtual markforge::keyname::~keyname()|recaster/keyname.h|"
+        "Object ( markforge::keyname ) was not closed before going out of scope. ");
 }

@@ -9,17 +9,19 @@
 #include <cstdlib>
 #include <memory>
 
-#include "keyname.h"
+#include "fixtures.h"
 #include "lbRsa.h"
+#include "openedObject.h"
 #include "sign.h"
-#include "signAgentPeer.h"
+#include "signingTest.h"
 #include "testKeys.h"
 #include "testSupport.h"
 
 using markforge::sign;
 using testsupport::FromHex;
-using testsupport::SignAgentPeer;
+using testsupport::resolvedKeyFile;
 using testsupport::TrailLines;
+using testsupport::Upper;
 using Bytes = std::vector<uint8_t>;
 
 namespace {
@@ -27,24 +29,6 @@ namespace {
 const char* const SIGN_TEXT =
     "bool markforge::sign::Sign(const string&, const string&, const string&, const string&, int, int, const string&)";
 const char* const SIGN_INTERNAL_TEXT = "bool markforge::sign::SignInternal(const lbBytes&, lbRsa&)";
-
-// The key file path the test generator resolves every key name to.
-std::string resolvedKeyFile;
-
-char** KeyFileGenerator(const char*, bool)
-{
-    char** names = new char*[2];
-    names[0] = new char[resolvedKeyFile.size() + 1];
-    std::copy(resolvedKeyFile.c_str(), resolvedKeyFile.c_str() + resolvedKeyFile.size() + 1, names[0]);
-    names[1] = nullptr;
-    return names;
-}
-
-std::string Upper(std::string text)
-{
-    for (char& c : text) c = static_cast<char>(std::toupper(static_cast<unsigned char>(c)));
-    return text;
-}
 
 std::string Lower(std::string text)
 {
@@ -99,35 +83,26 @@ lbBytes LbBytes(const Bytes& bytes)
     return out;
 }
 
-class SignTest : public testsupport::FrameworkTest {
+// A checksum of `length` hex characters, lower case.
+std::string Checksum(size_t length)
+{
+    const std::string digits = "0123456789abcdef";
+    std::string text;
+    for (size_t i = 0; i < length; ++i) text.push_back(digits[(i * 7 + 3) % 16]);
+    return text;
+}
+
+class SignTest : public testsupport::SigningTest {
 protected:
     void SetUp() override
     {
-        FrameworkTest::SetUp();
-        registry = markforgeRegistryRecord();
-        registry.mfPluginKeynameGenerator = &KeyFileGenerator;
-        markforgeRegistry = &registry;
-        const unsigned line = __LINE__;
-        ASSERT_TRUE(object.PreOpen(__FILE__, line, nullptr));
-        ASSERT_TRUE(object.Open());
-        ASSERT_TRUE(object.PostOpen(line));
+        SigningTest::SetUp();
+        ASSERT_TRUE(testsupport::OpenObject(object));
     }
     void TearDown() override
     {
-        peer.Stop();
-        if (object.IsOpen()) {
-            object.PreClose();
-            object.Close();
-            object.PostClose();
-        }
-        markforgeRegistry = nullptr;
-        FrameworkTest::TearDown();
-    }
-
-    void StartPeer()
-    {
-        std::string error;
-        ASSERT_TRUE(peer.Start(error)) << error;
+        testsupport::CloseObject(object);
+        SigningTest::TearDown();
     }
 
     // Makes sure nothing listens on the agent's port, and that no other
@@ -138,14 +113,7 @@ protected:
         ASSERT_TRUE(peer.ReservePort(error)) << error;
     }
 
-    // A fresh RSA key whose markforge key file the generator resolves to.
-    void MakeKey()
-    {
-        std::string error;
-        ASSERT_TRUE(testsupport::MakeRsaKey(dir.path(), "dev", 2048, key, error)) << error;
-        resolvedKeyFile = key.keyFile;
-        lbGlobal.Reset();
-    }
+    void MakeKey() { SigningTest::MakeKey("dev"); }
 
     Bytes Signature()
     {
@@ -179,6 +147,42 @@ protected:
         return result;
     }
 
+    // Sign in production mode fails over a valid checksum, says `message` on
+    // standard error and leaves the flag and the trail alone.
+    void ExpectProductionSignFails(const std::string& message)
+    {
+        EXPECT_FALSE(SignChecksum(Checksum(64), "production", 0));
+        EXPECT_EQ(err, message);
+        EXPECT_FALSE(lbGlobal.errorFlag);
+        EXPECT_TRUE(lbGlobal.trail.empty());
+    }
+
+    // A lower-case checksum of `length` characters signed in production
+    // mode: the agent is asked to sign openssl's `digestName` digest, of
+    // `digestSize` bytes, over the checksum upper-cased, with `args`.
+    void ExpectAgentAskedToSign(size_t length, const std::string& digestName, size_t digestSize,
+                                const std::string& args)
+    {
+        StartPeer();
+        peer.AnswerWith(Sequence(256));
+        const std::string checksum = Checksum(length);
+        ASSERT_TRUE(SignChecksum(checksum, "production", 0));
+        const Bytes digest = OpensslDigest(digestName, Upper(checksum));
+        ASSERT_EQ(digest.size(), digestSize);
+        EXPECT_EQ(OnlyRequest(), Request("release-key", digest, args));
+    }
+
+    // The request sign_hsm sends with these arguments to an agent that
+    // answers with 256 bytes; the call must succeed.
+    Bytes RequestSentFor(const Bytes& digest, const std::string& keyName, const std::string& fieldF = "",
+                         int fieldC = 0, const std::string& extraArgs = "")
+    {
+        StartPeer();
+        peer.AnswerWith(Sequence(256));
+        EXPECT_EQ(SignHsm(digest, keyName, fieldF, fieldC, extraArgs), 0);
+        return OnlyRequest();
+    }
+
     // The one request the stand-in agent received.
     Bytes OnlyRequest()
     {
@@ -201,10 +205,6 @@ protected:
         return ok;
     }
 
-    testsupport::TempDir dir;
-    testsupport::TestRsaKey key;
-    markforgeRegistryRecord registry;
-    SignAgentPeer peer;
     sign object;
     std::string out, err;
 };
@@ -220,15 +220,6 @@ protected:
     setrlimit(RLIMIT_NOFILE, &limit);
     const int result = object.sign_hsm(digest, "k", "", 0, "");
     std::exit(result == -1 ? 0 : 1);
-}
-
-// A checksum of `length` hex characters, lower case.
-std::string Checksum(size_t length)
-{
-    const std::string digits = "0123456789abcdef";
-    std::string text;
-    for (size_t i = 0; i < length; ++i) text.push_back(digits[(i * 7 + 3) % 16]);
-    return text;
 }
 
 std::string LengthMessage(size_t length)
@@ -315,34 +306,18 @@ TEST_F(SignTest, DigestFailureWinsOverAModeError)
 
 TEST_F(SignTest, LowerCaseChecksumIsHashedUpperCasedBeforeSigning)
 {
-    StartPeer();
-    peer.AnswerWith(Sequence(256));
-    const std::string checksum = Checksum(64);
-    ASSERT_NE(checksum, Upper(checksum));
-    ASSERT_TRUE(SignChecksum(checksum, "production", 0));
-    const Bytes digest = OpensslDigest("sha256", Upper(checksum));
-    EXPECT_EQ(OnlyRequest(), Request("release-key", digest, "S=32;"));
+    ASSERT_NE(Checksum(64), Upper(Checksum(64)));
+    ExpectAgentAskedToSign(64, "sha256", 32, "S=32;");
 }
 
 TEST_F(SignTest, ChecksumOf96CharactersIsHashedWithSha384)
 {
-    StartPeer();
-    peer.AnswerWith(Sequence(256));
-    const std::string checksum = Checksum(96);
-    ASSERT_TRUE(SignChecksum(checksum, "production", 0));
-    const Bytes digest = OpensslDigest("sha384", Upper(checksum));
-    ASSERT_EQ(digest.size(), 48u);
-    EXPECT_EQ(OnlyRequest(), Request("release-key", digest, "S=48;"));
+    ExpectAgentAskedToSign(96, "sha384", 48, "S=48;");
 }
 
 TEST_F(SignTest, ChecksumOf128CharactersIsHashedWithSha512)
 {
-    StartPeer();
-    peer.AnswerWith(Sequence(256));
-    const std::string checksum = Checksum(128);
-    ASSERT_TRUE(SignChecksum(checksum, "production", 0));
-    const Bytes digest = OpensslDigest("sha512", Upper(checksum));
-    EXPECT_EQ(OnlyRequest(), Request("release-key", digest, "S=64;"));
+    ExpectAgentAskedToSign(128, "sha512", 64, "S=64;");
 }
 
 TEST_F(SignTest, DigestFlagSendsTheBytesTheChecksumSpells)
@@ -371,10 +346,7 @@ TEST_F(SignTest, ProductionFailureLeavesTheTrailAndFlagAlone)
 {
     StartPeer();
     peer.CloseWithoutAnswer();
-    EXPECT_FALSE(SignChecksum(Checksum(64), "production", 0));
-    EXPECT_EQ(err, "Got blank string from sign_agent\n");
-    EXPECT_FALSE(lbGlobal.errorFlag);
-    EXPECT_TRUE(lbGlobal.trail.empty());
+    ExpectProductionSignFails("Got blank string from sign_agent\n");
 }
 
 // ---- development mode --------------------------------------------------------
@@ -508,22 +480,16 @@ TEST_F(SignTest, SignInternalSignsAFinishedDigest)
 
 TEST_F(SignTest, ThirtyTwoByteDigestMakesA128ByteRequest)
 {
-    StartPeer();
-    peer.AnswerWith(Sequence(256));
     const Bytes digest = Sequence(32, 0x10);
-    ASSERT_EQ(SignHsm(digest, "k", "", 0, ""), 0);
-    const Bytes request = OnlyRequest();
+    const Bytes request = RequestSentFor(digest, "k");
     ASSERT_EQ(request.size(), 128u);
     EXPECT_EQ(request, Request("k", digest, "S=32;"));
 }
 
 TEST_F(SignTest, FortyEightByteDigestIsFollowedBySixteenZeros)
 {
-    StartPeer();
-    peer.AnswerWith(Sequence(256));
     const Bytes digest = Sequence(48, 0x80);
-    ASSERT_EQ(SignHsm(digest, "key48", "X", 1, ""), 0);
-    const Bytes request = OnlyRequest();
+    const Bytes request = RequestSentFor(digest, "key48", "X", 1);
     ASSERT_EQ(request.size(), 160u);
     EXPECT_EQ(request, Request("key48", digest, "F=X;C=1;S=48;"));
     EXPECT_EQ(Bytes(request.begin() + 80, request.begin() + 96), Bytes(16, 0));
@@ -531,39 +497,27 @@ TEST_F(SignTest, FortyEightByteDigestIsFollowedBySixteenZeros)
 
 TEST_F(SignTest, SixtyFourByteDigestMakesA160ByteRequest)
 {
-    StartPeer();
-    peer.AnswerWith(Sequence(256));
     const Bytes digest = Sequence(64, 0xC0);
-    ASSERT_EQ(SignHsm(digest, "key64", "", 0, ""), 0);
-    EXPECT_EQ(OnlyRequest(), Request("key64", digest, "S=64;"));
+    EXPECT_EQ(RequestSentFor(digest, "key64"), Request("key64", digest, "S=64;"));
 }
 
 TEST_F(SignTest, OtherDigestSizesUseTheLongLayout)
 {
-    StartPeer();
-    peer.AnswerWith(Sequence(256));
     const Bytes digest = Sequence(20);
-    ASSERT_EQ(SignHsm(digest, "k", "", 0, ""), 0);
-    EXPECT_EQ(OnlyRequest(), Request("k", digest, "S=20;"));
+    EXPECT_EQ(RequestSentFor(digest, "k"), Request("k", digest, "S=20;"));
 }
 
 TEST_F(SignTest, KeyNameOf30CharactersIsSentWhole)
 {
-    StartPeer();
-    peer.AnswerWith(Sequence(256));
     const std::string name(30, 'k');
-    ASSERT_EQ(SignHsm(Sequence(32), name, "", 0, ""), 0);
-    EXPECT_EQ(OnlyRequest(), Request(name, Sequence(32), "S=32;"));
+    EXPECT_EQ(RequestSentFor(Sequence(32), name), Request(name, Sequence(32), "S=32;"));
 }
 
 TEST_F(SignTest, KeyNameOf31CharactersIsSentAs30ButTracedWhole)
 {
-    StartPeer();
-    peer.AnswerWith(Sequence(256));
     const std::string name = "abcdefghijklmnopqrstuvwxyz01234";
     ASSERT_EQ(name.size(), 31u);
-    ASSERT_EQ(SignHsm(Sequence(32), name, "", 0, ""), 0);
-    EXPECT_EQ(OnlyRequest(), Request(name.substr(0, 30), Sequence(32), "S=32;"));
+    EXPECT_EQ(RequestSentFor(Sequence(32), name), Request(name.substr(0, 30), Sequence(32), "S=32;"));
     EXPECT_EQ(out.rfind("CCA sign: key:" + name + " data:", 0), 0u) << out;
 }
 
@@ -589,13 +543,11 @@ TEST_F(SignTest, DigestOver64BytesIsRefused)
 
 TEST_F(SignTest, ArgumentTextOf70CharactersIsSentAsItsFirst62)
 {
-    StartPeer();
-    peer.AnswerWith(Sequence(256));
     const std::string extra = std::string(65, 'e');  // "S=32;" + 65 = 70 characters
     const std::string text = "S=32;" + extra;
     ASSERT_EQ(text.size(), 70u);
-    ASSERT_EQ(SignHsm(Sequence(32), "k", "", 0, extra), 0);
-    const Bytes request = OnlyRequest();
+    const Bytes request = RequestSentFor(Sequence(32), "k", "", 0, extra);
+    ASSERT_EQ(request.size(), 128u);
     EXPECT_EQ(request, Request("k", Sequence(32), text.substr(0, 62)));
     EXPECT_EQ(request[64 + 62], 0);
     EXPECT_EQ(request[64 + 63], 0);
@@ -603,20 +555,16 @@ TEST_F(SignTest, ArgumentTextOf70CharactersIsSentAsItsFirst62)
 
 TEST_F(SignTest, EmptyFieldFAndNoCGiveS32Alone)
 {
-    StartPeer();
-    peer.AnswerWith(Sequence(256));
-    ASSERT_EQ(SignHsm(Sequence(32), "k", "", 0, ""), 0);
-    const Bytes request = OnlyRequest();
+    const Bytes request = RequestSentFor(Sequence(32), "k");
+    ASSERT_EQ(request.size(), 128u);
     EXPECT_EQ(std::string(reinterpret_cast<const char*>(&request[64])), "S=32;");
     EXPECT_EQ(out.find("CCA args: S=32;\n"), out.find("CCA args: "));
 }
 
 TEST_F(SignTest, ArgumentTextHoldsFieldsInOrderAndExtrasAsTheyStand)
 {
-    StartPeer();
-    peer.AnswerWith(Sequence(256));
-    ASSERT_EQ(SignHsm(Sequence(48), "k", "kernel", 7, "A=b;c"), 0);
-    EXPECT_EQ(OnlyRequest(), Request("k", Sequence(48), "F=kernel;C=1;S=48;A=b;c"));
+    EXPECT_EQ(RequestSentFor(Sequence(48), "k", "kernel", 7, "A=b;c"),
+              Request("k", Sequence(48), "F=kernel;C=1;S=48;A=b;c"));
 }
 
 // ---- the agent's answer ------------------------------------------------------
@@ -683,10 +631,7 @@ TEST_F(SignTest, NoListenerCannotBeConnected)
 TEST_F(SignTest, NoListenerFailsSignInProductionMode)
 {
     ExpectNoAgent();
-    EXPECT_FALSE(SignChecksum(Checksum(64), "production", 0));
-    EXPECT_EQ(err, "Unable to connect to sign_agent\n");
-    EXPECT_FALSE(lbGlobal.errorFlag);
-    EXPECT_TRUE(lbGlobal.trail.empty());
+    ExpectProductionSignFails("Unable to connect to sign_agent\n");
 }
 
 TEST_F(SignTest, AgentThatResetsTheConnectionFailsWithoutKillingTheSigner)
@@ -706,6 +651,10 @@ TEST_F(SignTest, SocketThatCannotBeCreatedIsReported)
 #if defined(__SANITIZE_ADDRESS__)
     GTEST_SKIP() << "the sanitizers' own checks need new file descriptors";
 #endif
+#if defined(MARKFORGE_TEST_EMULATOR)
+    GTEST_SKIP() << "a threadsafe death test re-executes the test program, which the host cannot start "
+                    "outside the emulator";
+#endif
     GTEST_FLAG_SET(death_test_style, "threadsafe");
     EXPECT_EXIT(SignWithoutFileDescriptors(object), ::testing::ExitedWithCode(0), "^Unable to create socket\n$");
 }
@@ -723,15 +672,7 @@ TEST_F(SignTest, GetSignatureCopiesTheWholeBuffer)
 
 TEST_F(SignTest, ObjectDestroyedWhileOpenIsReported)
 {
-    {
-        sign forgotten;
-        const unsigned line = __LINE__;
-        ASSERT_TRUE(forgotten.PreOpen(__FILE__, line, nullptr));
-        ASSERT_TRUE(forgotten.Open());
-        ASSERT_TRUE(forgotten.PostOpen(line));
-    }
-    ASSERT_FALSE(TrailLines().empty());
-    EXPECT_EQ(TrailLines().front(), "virtual markforge::sign::~sign()|recaster/sign.h|"
-                                    "Object ( markforge::sign ) was not closed before going out of scope. ");
-    EXPECT_TRUE(lbGlobal.errorFlag);
+    testsupport::ExpectReportedWhenDestroyedOpen<sign>(
+        "virtual markforge::sign::~sign()|recaster/sign.h|"
+        "Object ( markforge::sign ) was not closed before going out of scope. ");
 }
