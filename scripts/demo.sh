@@ -1,0 +1,158 @@
+#!/usr/bin/env bash
+# Sets the machine up, builds recaster (Release) and runs it on the sample
+# files in samples/ through every kind of conversion, showing each command,
+# what it wrote and what openssl makes of the result. Outputs go to
+# build-demo/out/.
+#   MARKFORGE_SKIP_SETUP=1   do not run scripts/setup.sh
+set -euo pipefail
+source "$(dirname "${BASH_SOURCE[0]}")/lib.sh"
+cd "$MARKFORGE_ROOT"
+
+if [ "${MARKFORGE_SKIP_SETUP:-0}" != 1 ]; then
+    bash scripts/setup.sh
+fi
+
+banner "build recaster (Release) in build-demo/"
+cmake -S . -B build-demo -G Ninja -DCMAKE_BUILD_TYPE=Release -DMARKFORGE_TESTS=OFF >/dev/null
+ninja -C build-demo -j "$MARKFORGE_JOBS" recaster
+
+RECASTER=build-demo/bin/recaster
+S=samples
+OUT=build-demo/out
+rm -rf "$OUT"
+mkdir -p "$OUT"
+CHECKS_FAILED=0
+STEPS=0
+
+# Runs recaster with the arguments, printing the command, its exit status and
+# whatever it wrote on standard output and standard error.
+run() {
+    local expected_status="$1"
+    shift
+    STEPS=$((STEPS + 1))
+    printf '\n$ recaster %s\n' "$*"
+    local status=0
+    "$RECASTER" "$@" >"$OUT/.stdout" 2>"$OUT/.stderr" || status=$?
+    printf '  exit status %d\n' "$status"
+    [ -s "$OUT/.stdout" ] && sed 's/^/  stdout| /' "$OUT/.stdout"
+    [ -s "$OUT/.stderr" ] && sed 's/^/  stderr| /' "$OUT/.stderr"
+    if [ "$status" -ne "$expected_status" ]; then
+        echo "  !! expected exit status $expected_status"
+        CHECKS_FAILED=$((CHECKS_FAILED + 1))
+    fi
+    return 0
+}
+
+# Size and first lines (text) or first bytes (binary) of a written file.
+show_file() {
+    local file="$1"
+    if [ ! -e "$file" ]; then
+        echo "  !! $file was not written"
+        CHECKS_FAILED=$((CHECKS_FAILED + 1))
+        return 0
+    fi
+    printf '  wrote %s: %d bytes\n' "$file" "$(stat -c %s "$file")"
+    if grep -qP '[^\x09\x0a\x0d\x20-\x7e]' "$file"; then
+        od -A d -t x1 -N 32 "$file" | sed 's/^/    /'
+    else
+        head -n 3 "$file" | cut -c 1-72 | sed 's/^/    /'
+    fi
+}
+
+check() {
+    local what="$1"
+    shift
+    if "$@" >/dev/null 2>&1; then
+        echo "  check: $what: yes"
+    else
+        echo "  check: $what: NO"
+        CHECKS_FAILED=$((CHECKS_FAILED + 1))
+    fi
+}
+
+same_as() {
+    check "identical to $2" cmp -s "$1" "$2"
+}
+
+modulus_of() {
+    openssl rsa "$@" -noout -modulus 2>/dev/null
+}
+
+same_modulus() {
+    [ "$(modulus_of -pubin -in "$1")" = "$(modulus_of -in "$S/rsa2048-private.pem")" ]
+}
+
+# r and s of a DER ECDSA signature, each as 64 hex digits, as openssl reads them.
+der_integers_hex() {
+    openssl asn1parse -inform DER -in "$1" | sed -n 's/.*INTEGER *://p' |
+        while read -r hex; do printf '%64s' "$hex" | tr ' ' 0; done | tr 'A-F' 'a-f'
+}
+
+raw_hex() {
+    od -An -v -t x1 "$1" | tr -d ' \n'
+}
+
+banner "key conversions"
+run 0 --convertkey -i "$S/rsa2048-modulus.raw" -o "$OUT/from-raw.pem" -I raw -O pem
+show_file "$OUT/from-raw.pem"
+check "openssl reads a PUBLIC KEY with the sample's modulus" same_modulus "$OUT/from-raw.pem"
+check "exponent 65537" bash -c "openssl pkey -pubin -in '$OUT/from-raw.pem' -noout -text | grep -q 'Exponent: 65537'"
+
+run 0 --convertkey -i "$S/rsa2048-modulus.raw" -o "$OUT/from-raw.markforge" -I raw -O markforge
+show_file "$OUT/from-raw.markforge"
+same_as "$OUT/from-raw.markforge" "$S/rsa2048-public.markforge"
+
+run 0 --convertkey -i "$S/rsa2048-private.pem" -o "$OUT/from-pem-private.markforge" -I pem -O markforge
+show_file "$OUT/from-pem-private.markforge"
+same_as "$OUT/from-pem-private.markforge" "$S/rsa2048-private.markforge"
+
+run 0 --convertkey -i "$S/rsa2048-public.pem" -o "$OUT/from-pem-public.markforge" -I pem -O markforge
+show_file "$OUT/from-pem-public.markforge"
+same_as "$OUT/from-pem-public.markforge" "$S/rsa2048-public.markforge"
+
+run 0 --convertkey -i "$S/rsa2048-public.pem" -o "$OUT/from-pem-public.raw" -I pem -O raw
+show_file "$OUT/from-pem-public.raw"
+same_as "$OUT/from-pem-public.raw" "$S/rsa2048-modulus.raw"
+
+run 0 --convertkey -i "$S/rsa2048-public.markforge" -o "$OUT/from-markforge-public.pem" -I markforge -O pem
+show_file "$OUT/from-markforge-public.pem"
+same_as "$OUT/from-markforge-public.pem" "$S/rsa2048-public.pem"
+
+run 0 --convertkey -i "$S/rsa2048-public.markforge" -o "$OUT/from-markforge-public.raw" -I markforge -O raw
+show_file "$OUT/from-markforge-public.raw"
+same_as "$OUT/from-markforge-public.raw" "$S/rsa2048-modulus.raw"
+
+run 0 --convertkey -i "$S/rsa2048-private.markforge" -o "$OUT/from-markforge-private.pem" -I markforge -O pem
+show_file "$OUT/from-markforge-private.pem"
+check "openssl rsa -check: RSA key ok" openssl rsa -in "$OUT/from-markforge-private.pem" -check -noout
+same_as "$OUT/from-markforge-private.pem" "$S/rsa2048-private.pem"
+
+banner "signature conversions"
+run 0 --convertsig -i "$S/payload-rsa2048.sig.raw" -o "$OUT/from-raw.sig.markforge" -I raw -O markforge
+show_file "$OUT/from-raw.sig.markforge"
+same_as "$OUT/from-raw.sig.markforge" "$S/payload-rsa2048.sig.markforge"
+
+run 0 --convertsig -i "$S/payload-rsa2048.sig.markforge" -o "$OUT/from-markforge.sig.raw" -I markforge -O raw
+show_file "$OUT/from-markforge.sig.raw"
+check "openssl dgst -verify: Verified OK" openssl dgst -sha256 -verify "$S/rsa2048-public.pem" \
+    -signature "$OUT/from-markforge.sig.raw" "$S/payload.txt"
+
+run 0 --convertsig -i "$S/payload-p256.sig.der" -o "$OUT/from-der.sig.raw" -I der -O raw
+show_file "$OUT/from-der.sig.raw"
+check "r and s as openssl asn1parse reads them" \
+    test "$(raw_hex "$OUT/from-der.sig.raw")" = "$(der_integers_hex "$S/payload-p256.sig.der")"
+
+banner "version screen"
+run 0 --version
+
+banner "a refused conversion: a PEM public key to PEM"
+run 1 --convertkey -i "$S/rsa2048-public.pem" -o "$OUT/refused.pem" -I pem -O pem
+
+rm -f "$OUT/.stdout" "$OUT/.stderr"
+banner "demo done"
+echo "  $STEPS recaster runs; outputs in $OUT/"
+if [ "$CHECKS_FAILED" -ne 0 ]; then
+    echo "  $CHECKS_FAILED checks FAILED"
+    exit 1
+fi
+echo "  every check passed"
