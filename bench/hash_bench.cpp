@@ -37,7 +37,10 @@ Digest HashFile(const std::string& path, uint32_t hashId)
     lbGlobal.Reset();
     Digest digest;
     markforge::hash hash;
-    std::ifstream in(path, std::ios::binary);
+    std::vector<char> readAhead(64 * 1024);  // as archive::AddComponent does
+    std::ifstream in;
+    in.rdbuf()->pubsetbuf(readAhead.data(), static_cast<std::streamsize>(readAhead.size()));
+    in.open(path, std::ios::binary);
     if (hash.PreOpen(__FILE__, __LINE__, nullptr) && hash.Open() && hash.PostOpen(__LINE__)) {
         const bool generated = hashId == lbHashId::SHA512 ? hash.Generate_SHA512(in) : hash.Generate(in);
         digest.ok = generated && hash.GetHashString(digest.text) && hash.GetHashedSize(digest.size);

@@ -43,6 +43,22 @@ check_libraries_in() {
     done
 }
 
+# <binary> <where>: every RUNPATH folder is $ORIGIN-relative; an empty
+# entry would make the loader search the current folder.
+check_runpath() {
+    runpath=$(readelf -d "$1" | sed -n 's/.*(RUNPATH).*\[\(.*\)\]/\1/p') || fail "readelf $1"
+    [ -n "$runpath" ] || fail "$2 $(basename "$1") has no RUNPATH"
+    old_ifs=$IFS
+    IFS=:
+    for entry in $runpath""; do
+        case "$entry" in
+        '$ORIGIN' | '$ORIGIN'/*) ;;
+        *) fail "$2 $(basename "$1") has the RUNPATH entry '$entry' in [$runpath]" ;;
+        esac
+    done
+    IFS=$old_ifs
+}
+
 "$cmake" --install "$build" --prefix "$prefix" >/dev/null || fail "cmake --install"
 [ -x "$prefix/bin/recaster" ] || fail "no bin/recaster under the prefix"
 
@@ -51,6 +67,9 @@ check_version "$built" build-folder "$@"
 if [ "$#" -eq 0 ]; then
     check_libraries_in "$prefix/bin/recaster" "$prefix" installed
     check_libraries_in "$built" "$(dirname "$built")" build-folder
+    for binary in "$prefix/bin/recaster" "$prefix"/lib*/liblockbase.so "$built" "$(dirname "$built")/liblockbase.so"; do
+        check_runpath "$binary" "$(case "$binary" in "$prefix"/*) echo installed ;; *) echo build-folder ;; esac)"
+    done
 fi
 
 echo "installed and build-folder recaster run without LD_LIBRARY_PATH"
