@@ -8,6 +8,7 @@
 #include <openssl/err.h>
 #include <openssl/pem.h>
 #include <openssl/rsa.h>
+#include <sys/stat.h>
 #include <unistd.h>
 
 #include <algorithm>
@@ -388,6 +389,9 @@ bool converter::ConvertFromMF(const string& input, const string& output)
     LB_CONTINUE_CHECK();
     // The output's failure is reported in the same words as the input's.
     if (!out) LB_FAIL("Input file not found");
+    // Whatever is written from a private key file stays as private as that
+    // file: no other user may read the output.
+    if (!p.empty() || !q.empty() || !d.empty()) fchmod(fileno(out.get()), 0600);
 
     const RsaPtr key(RSA_new());
     SetPublicNumbers(key.get(), n, e);

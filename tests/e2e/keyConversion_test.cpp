@@ -148,6 +148,7 @@ TEST_P(KeySizes, Pkcs1PrivateKeyToMarkforgeAndBackEqualsOpensslTraditional)
     EXPECT_EQ(FileMode(dir.file("key.mf")), 0600u);
     ExpectQuietSuccess(ConvertKey(dir.file("key.mf"), dir.file("back.pem"), "markforge", "pem"));
     EXPECT_EQ(ReadFile(dir.file("back.pem")), ReadFile(keys().pkcs1));
+    EXPECT_EQ(FileMode(dir.file("back.pem")), 0600u);
 }
 
 TEST_P(KeySizes, Pkcs8PrivateKeyToMarkforgeAndBackEqualsOpensslTraditional)
@@ -211,6 +212,19 @@ TEST_F(KeyConversion, RawWithLeadingZeroBytesGivesTheSamePublicKey)
     WriteBytes(Out("padded.raw"), padded);
     ExpectQuietSuccess(ConvertKey(Out("padded.raw"), Out("out.pem"), "raw", "pem"));
     EXPECT_EQ(ReadFile(Out("out.pem")), ReadFile(keys().pub));
+}
+
+TEST_F(KeyConversion, PrivateKeyOutputIsMadePrivateEvenWhenItExisted)
+{
+    ExpectQuietSuccess(ConvertKey(keys().pkcs1, Out("key.mf"), "pem", "markforge"));
+    WriteFile(Out("back.pem"), "earlier content");
+    chmod(Out("back.pem").c_str(), 0644);
+    ExpectQuietSuccess(ConvertKey(Out("key.mf"), Out("back.pem"), "markforge", "pem"));
+    EXPECT_EQ(FileMode(Out("back.pem")), 0600u);
+
+    ExpectQuietSuccess(ConvertKey(keys().pub, Out("pub.mf"), "pem", "markforge"));
+    ExpectQuietSuccess(ConvertKey(Out("pub.mf"), Out("pub.pem"), "markforge", "pem"));
+    EXPECT_NE(FileMode(Out("pub.pem")) & 0044u, 0u) << "a public key stays readable";
 }
 
 TEST_F(KeyConversion, RawToRawSucceedsAndWritesNothing)
