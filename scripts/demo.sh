@@ -92,35 +92,31 @@ raw_hex() {
     od -An -v -t x1 "$1" | tr -d ' \n'
 }
 
+# One conversion whose output must equal a bundled sample byte for byte:
+# <command> <input> <output> <iformat> <oformat> <expected sample>.
+convert_to_sample() {
+    run 0 "$1" -i "$2" -o "$3" -I "$4" -O "$5"
+    show_file "$3"
+    same_as "$3" "$6"
+}
+
 banner "key conversions"
 run 0 --convertkey -i "$S/rsa2048-modulus.raw" -o "$OUT/from-raw.pem" -I raw -O pem
 show_file "$OUT/from-raw.pem"
 check "openssl reads a PUBLIC KEY with the sample's modulus" same_modulus "$OUT/from-raw.pem"
 check "exponent 65537" bash -c "openssl pkey -pubin -in '$OUT/from-raw.pem' -noout -text | grep -q 'Exponent: 65537'"
 
-run 0 --convertkey -i "$S/rsa2048-modulus.raw" -o "$OUT/from-raw.markforge" -I raw -O markforge
-show_file "$OUT/from-raw.markforge"
-same_as "$OUT/from-raw.markforge" "$S/rsa2048-public.markforge"
+convert_to_sample --convertkey "$S/rsa2048-modulus.raw" "$OUT/from-raw.markforge" raw markforge "$S/rsa2048-public.markforge"
 
-run 0 --convertkey -i "$S/rsa2048-private.pem" -o "$OUT/from-pem-private.markforge" -I pem -O markforge
-show_file "$OUT/from-pem-private.markforge"
-same_as "$OUT/from-pem-private.markforge" "$S/rsa2048-private.markforge"
+convert_to_sample --convertkey "$S/rsa2048-private.pem" "$OUT/from-pem-private.markforge" pem markforge "$S/rsa2048-private.markforge"
 
-run 0 --convertkey -i "$S/rsa2048-public.pem" -o "$OUT/from-pem-public.markforge" -I pem -O markforge
-show_file "$OUT/from-pem-public.markforge"
-same_as "$OUT/from-pem-public.markforge" "$S/rsa2048-public.markforge"
+convert_to_sample --convertkey "$S/rsa2048-public.pem" "$OUT/from-pem-public.markforge" pem markforge "$S/rsa2048-public.markforge"
 
-run 0 --convertkey -i "$S/rsa2048-public.pem" -o "$OUT/from-pem-public.raw" -I pem -O raw
-show_file "$OUT/from-pem-public.raw"
-same_as "$OUT/from-pem-public.raw" "$S/rsa2048-modulus.raw"
+convert_to_sample --convertkey "$S/rsa2048-public.pem" "$OUT/from-pem-public.raw" pem raw "$S/rsa2048-modulus.raw"
 
-run 0 --convertkey -i "$S/rsa2048-public.markforge" -o "$OUT/from-markforge-public.pem" -I markforge -O pem
-show_file "$OUT/from-markforge-public.pem"
-same_as "$OUT/from-markforge-public.pem" "$S/rsa2048-public.pem"
+convert_to_sample --convertkey "$S/rsa2048-public.markforge" "$OUT/from-markforge-public.pem" markforge pem "$S/rsa2048-public.pem"
 
-run 0 --convertkey -i "$S/rsa2048-public.markforge" -o "$OUT/from-markforge-public.raw" -I markforge -O raw
-show_file "$OUT/from-markforge-public.raw"
-same_as "$OUT/from-markforge-public.raw" "$S/rsa2048-modulus.raw"
+convert_to_sample --convertkey "$S/rsa2048-public.markforge" "$OUT/from-markforge-public.raw" markforge raw "$S/rsa2048-modulus.raw"
 
 run 0 --convertkey -i "$S/rsa2048-private.markforge" -o "$OUT/from-markforge-private.pem" -I markforge -O pem
 show_file "$OUT/from-markforge-private.pem"
@@ -128,9 +124,7 @@ check "openssl rsa -check: RSA key ok" openssl rsa -in "$OUT/from-markforge-priv
 same_as "$OUT/from-markforge-private.pem" "$S/rsa2048-private.pem"
 
 banner "signature conversions"
-run 0 --convertsig -i "$S/payload-rsa2048.sig.raw" -o "$OUT/from-raw.sig.markforge" -I raw -O markforge
-show_file "$OUT/from-raw.sig.markforge"
-same_as "$OUT/from-raw.sig.markforge" "$S/payload-rsa2048.sig.markforge"
+convert_to_sample --convertsig "$S/payload-rsa2048.sig.raw" "$OUT/from-raw.sig.markforge" raw markforge "$S/payload-rsa2048.sig.markforge"
 
 run 0 --convertsig -i "$S/payload-rsa2048.sig.markforge" -o "$OUT/from-markforge.sig.raw" -I markforge -O raw
 show_file "$OUT/from-markforge.sig.raw"
