@@ -228,14 +228,19 @@ TempDir::~TempDir()
 std::vector<std::string> TrailLines()
 {
     std::vector<std::string> lines;
+    // A message belongs to the location entry before it only while that
+    // entry has none yet; any other message gets a line of its own.
+    bool locationAwaitsMessage = false;
     for (const lbTrailEntry& entry : lbGlobal.trail) {
         switch (entry.kind) {
         case lbTrailEntry::Kind::Location:
             lines.push_back(entry.function + "|" + entry.file + "|");
+            locationAwaitsMessage = true;
             break;
         case lbTrailEntry::Kind::Message:
-            if (lines.empty() || lines.back().back() != '|') lines.push_back("||");
+            if (!locationAwaitsMessage) lines.push_back("||");
             lines.back() += entry.text;
+            locationAwaitsMessage = false;
             break;
         case lbTrailEntry::Kind::OpenedBy:
             break;
