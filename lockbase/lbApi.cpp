@@ -1,6 +1,7 @@
 // lbApi: crypto provider selection over OpenSSL 3's provider API.
 #include "lbApi.h"
 
+#include <openssl/crypto.h>
 #include <openssl/provider.h>
 
 #include "lbSteps.h"
@@ -20,6 +21,14 @@ bool lbApi::Open(const std::string& provider)
         return false;
     }
     if (_provider) return true;
+    // The tools are configured by their command line alone, so OpenSSL's own
+    // configuration file (and OPENSSL_CONF) is not read: a host's file could
+    // otherwise switch providers or properties under the tool. Nor does
+    // OpenSSL free its tables at exit: the tools are short-lived processes,
+    // and the system takes the memory back faster. Both hold when Open comes
+    // before any other OpenSSL use in the process, as it does in every tool;
+    // later, OpenSSL has already made its choice.
+    OPENSSL_init_crypto(OPENSSL_INIT_NO_LOAD_CONFIG | OPENSSL_INIT_NO_ATEXIT, nullptr);
     _provider = OSSL_PROVIDER_load(nullptr, "default");
     if (!_provider) {
         addHistory(lbFunction, __FILE__, __LINE__);

@@ -1,15 +1,17 @@
 #!/bin/sh
 # Installs the build tree into a fresh prefix and runs the installed recaster
 # with no library path set: it must find liblockbase and libgridview through
-# its own RPATH. The binary in the build folder must do the same.
-# Usage: install_check.sh <cmake> <build folder> <built recaster> [emulator...]
+# its own RUNPATH. The binary in the build folder, which has the same layout,
+# must do the same.
+# Usage: install_check.sh <cmake> <build folder> <built recaster> <lib folder name> [emulator...]
 # In a cross build the emulator's words follow; the programs then run under it
 # and the loader's view of the libraries is not checked.
 set -u
 cmake=$1
 build=$2
 built=$3
-shift 3
+libdir=$4
+shift 4
 
 prefix=$(mktemp -d "${TMPDIR:-/tmp}/markforge-install-XXXXXX") || exit 1
 trap 'rm -rf "$prefix"' EXIT
@@ -34,29 +36,28 @@ check_version() {
 # <binary> <folder> <where>: both libraries resolve inside <folder>.
 check_libraries_in() {
     libs=$(env -u LD_LIBRARY_PATH ldd "$1") || fail "ldd $1"
+    folder=$(readlink -f "$2")
     for lib in liblockbase.so libgridview.so; do
         path=$(printf '%s\n' "$libs" | awk -v lib="$lib" '$1 == lib { print $3 }')
+        [ -z "$path" ] || path=$(readlink -f "$path")
         case "$path" in
-        "$2"/*) ;;
+        "$folder"/*) ;;
         *) fail "$3 recaster takes $lib from '$path', not from $2" ;;
         esac
     done
 }
 
-# <binary> <where>: every RUNPATH folder is $ORIGIN-relative; an empty
-# entry would make the loader search the current folder.
-check_runpath() {
+# <binary> <where>: the program's RUNPATH is exactly $ORIGIN/../<lib folder>, the
+# one folder it needs. Any other entry would cost look-ups at every start, and
+# an empty one would make the loader search the current folder.
+check_program_runpath() {
     runpath=$(readelf -d "$1" | sed -n 's/.*(RUNPATH).*\[\(.*\)\]/\1/p') || fail "readelf $1"
-    [ -n "$runpath" ] || fail "$2 $(basename "$1") has no RUNPATH"
-    old_ifs=$IFS
-    IFS=:
-    for entry in $runpath""; do
-        case "$entry" in
-        '$ORIGIN' | '$ORIGIN'/*) ;;
-        *) fail "$2 $(basename "$1") has the RUNPATH entry '$entry' in [$runpath]" ;;
-        esac
-    done
-    IFS=$old_ifs
+    [ "$runpath" = "\$ORIGIN/../$libdir" ] || fail "$2 $(basename "$1") has the RUNPATH [$runpath]"
+}
+
+# <library> <where>: the libraries need nothing of ours, so no RUNPATH at all.
+check_library_runpath() {
+    ! readelf -d "$1" | grep -q -e '(RUNPATH)' -e '(RPATH)' || fail "$2 $(basename "$1") has a RUNPATH or RPATH"
 }
 
 "$cmake" --install "$build" --prefix "$prefix" >/dev/null || fail "cmake --install"
@@ -65,10 +66,13 @@ check_runpath() {
 check_version "$prefix/bin/recaster" installed "$@"
 check_version "$built" build-folder "$@"
 if [ "$#" -eq 0 ]; then
-    check_libraries_in "$prefix/bin/recaster" "$prefix" installed
-    check_libraries_in "$built" "$(dirname "$built")" build-folder
-    for binary in "$prefix/bin/recaster" "$prefix"/lib*/liblockbase.so "$built" "$(dirname "$built")/liblockbase.so"; do
-        check_runpath "$binary" "$(case "$binary" in "$prefix"/*) echo installed ;; *) echo build-folder ;; esac)"
+    built_libs=$(dirname "$(dirname "$built")")/$libdir
+    check_libraries_in "$prefix/bin/recaster" "$prefix/$libdir" installed
+    check_libraries_in "$built" "$built_libs" build-folder
+    check_program_runpath "$prefix/bin/recaster" installed
+    check_program_runpath "$built" build-folder
+    for library in "$prefix/$libdir"/lib*.so "$built_libs"/lib*.so; do
+        check_library_runpath "$library" "$(case "$library" in "$prefix"/*) echo installed ;; *) echo build-folder ;; esac)"
     done
 fi
 

@@ -312,6 +312,45 @@ TEST_F(KeyConversion, EncryptedPrivateKeysAreNotReadWithoutATerminal)
     }
 }
 
+TEST_F(KeyConversion, EncryptedPrivateKeysAreReadWithAPassPhraseTypedAtATerminal)
+{
+    // At a terminal OpenSSL asks for the pass phrase, for the traditional
+    // (Proc-Type) and the PKCS#8 encryption alike.
+    Openssl({"rsa", "-in", keys().pkcs8, "-aes128", "-passout", "pass:secret", "-traditional", "-out",
+             Out("encrypted-pkcs1.pem")});
+    Openssl({"pkcs8", "-topk8", "-in", keys().pkcs8, "-passout", "pass:secret", "-out", Out("encrypted-pkcs8.pem")});
+    ExpectQuietSuccess(ConvertKey(keys().pkcs8, Out("plain.mf"), "pem", "markforge"));
+    for (const char* name : {"encrypted-pkcs1.pem", "encrypted-pkcs8.pem"}) {
+        SCOPED_TRACE(name);
+        const ProcessResult run = testsupport::RunOnTerminal(
+            {testsupport::RecasterPath(), "--convertkey", "-i", Out(name), "-o", Out("out.mf"), "-I", "pem", "-O",
+             "markforge"},
+            "pass phrase", "secret\n");
+        EXPECT_FALSE(run.signaled) << run.out;
+        EXPECT_EQ(run.status, 0) << run.out;
+        EXPECT_NE(run.out.find("Enter PEM pass phrase:"), std::string::npos) << run.out;
+        EXPECT_EQ(ReadFile(Out("out.mf")), ReadFile(Out("plain.mf")));
+    }
+}
+
+TEST_F(KeyConversion, OpensslConfigurationFileIsNotRead)
+{
+    // The tool is configured by its command line alone. This file makes
+    // every algorithm fetch fail, as the openssl tool shows; read by the
+    // tool, it would make the conversion fail.
+    const std::string key = keys().pkcs1;  // made before the variable is set
+    WriteFile(Out("hostile.cnf"), "openssl_conf = openssl_init\n[openssl_init]\nalg_section = evp\n"
+                                  "[evp]\ndefault_properties = \"provider=nonexistent\"\n");
+    ASSERT_EQ(setenv("OPENSSL_CONF", Out("hostile.cnf").c_str(), 1), 0);
+    const ProcessResult theirs = testsupport::Run({"openssl", "rsa", "-in", key, "-noout"});
+    const ProcessResult ours = ConvertKey(key, Out("key.mf"), "pem", "markforge");
+    unsetenv("OPENSSL_CONF");
+    EXPECT_NE(theirs.status, 0) << theirs.err;
+    ExpectQuietSuccess(ours);
+    ExpectQuietSuccess(ConvertKey(key, Out("again.mf"), "pem", "markforge"));
+    EXPECT_EQ(ReadFile(Out("key.mf")), ReadFile(Out("again.mf")));
+}
+
 TEST_F(KeyConversion, FailingMarkforgeWriterFailsTheRun)
 {
     // The PEM conversion itself returns true; the writer's raised flag stops

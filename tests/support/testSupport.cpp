@@ -3,11 +3,14 @@
 
 #include <fcntl.h>
 #include <poll.h>
+#include <pty.h>
+#include <signal.h>
 #include <spawn.h>
 #include <sys/wait.h>
 #include <unistd.h>
 
 #include <cerrno>
+#include <chrono>
 #include <cstring>
 #include <stdexcept>
 #include <cstdlib>
@@ -103,6 +106,21 @@ void CheckForSanitizerReport(const std::vector<std::string>& argv, const Process
         ADD_FAILURE() << "sanitizer report from " << argv[0] << ":\n" << result.err;
 }
 
+// Waits for the child `pid` that runs `argv` and records how it ended.
+void WaitForChild(pid_t pid, const std::vector<std::string>& argv, ProcessResult& result)
+{
+    int status = 0;
+    while (waitpid(pid, &status, 0) < 0 && errno == EINTR) {
+    }
+    if (WIFEXITED(status)) {
+        result.status = WEXITSTATUS(status);
+    } else if (WIFSIGNALED(status)) {
+        result.signaled = true;
+        result.status = 128 + WTERMSIG(status);
+    }
+    CheckForSanitizerReport(argv, result);
+}
+
 }  // namespace
 
 ProcessResult Run(const std::vector<std::string>& argv, const std::string* input)
@@ -144,16 +162,7 @@ ProcessResult Run(const std::vector<std::string>& argv, const std::string* input
 
     ProcessResult result;
     Pump(outPipe[0], errPipe[0], input ? inPipe[1] : -1, input, result);
-    int status = 0;
-    while (waitpid(pid, &status, 0) < 0 && errno == EINTR) {
-    }
-    if (WIFEXITED(status)) {
-        result.status = WEXITSTATUS(status);
-    } else if (WIFSIGNALED(status)) {
-        result.signaled = true;
-        result.status = 128 + WTERMSIG(status);
-    }
-    CheckForSanitizerReport(argv, result);
+    WaitForChild(pid, argv, result);
     return result;
 }
 
@@ -165,6 +174,47 @@ std::string RecasterPath()
 std::string DataPath(const std::string& name)
 {
     return std::string(TEST_DATA_DIR) + "/" + name;
+}
+
+ProcessResult RunOnTerminal(const std::vector<std::string>& argv, const std::string& prompt,
+                            const std::string& typed, int seconds)
+{
+    const std::vector<std::string> command = WithEmulator(argv);
+    std::vector<char*> args;
+    for (const std::string& arg : command) args.push_back(const_cast<char*>(arg.c_str()));
+    args.push_back(nullptr);
+
+    int terminal = -1;
+    const pid_t pid = forkpty(&terminal, nullptr, nullptr, nullptr);
+    if (pid < 0) Fail("forkpty");
+    if (pid == 0) {
+        execvp(args[0], args.data());
+        _exit(127);
+    }
+
+    ProcessResult result;
+    const auto deadline = std::chrono::steady_clock::now() + std::chrono::seconds(seconds);
+    bool typedYet = false;
+    char buffer[4096];
+    for (;;) {
+        const auto left = std::chrono::duration_cast<std::chrono::milliseconds>(deadline - std::chrono::steady_clock::now());
+        pollfd p{terminal, POLLIN, 0};
+        const int ready = left.count() > 0 ? poll(&p, 1, static_cast<int>(left.count())) : 0;
+        if (ready < 0 && errno == EINTR) continue;
+        if (ready <= 0) {
+            kill(pid, SIGKILL);
+            break;
+        }
+        const ssize_t n = read(terminal, buffer, sizeof buffer);
+        if (n <= 0) break;  // EIO once the child has closed the terminal
+        result.out.append(buffer, static_cast<size_t>(n));
+        if (!typedYet && result.out.find(prompt) != std::string::npos) {
+            typedYet = write(terminal, typed.data(), typed.size()) == static_cast<ssize_t>(typed.size());
+        }
+    }
+    close(terminal);
+    WaitForChild(pid, argv, result);
+    return result;
 }
 
 ProcessResult RunRecaster(const std::vector<std::string>& args)

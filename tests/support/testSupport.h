@@ -27,6 +27,13 @@ ProcessResult Run(const std::vector<std::string>& argv, const std::string* input
 // Runs the built recaster with these arguments.
 ProcessResult RunRecaster(const std::vector<std::string>& args);
 
+// Runs `argv` on a new pseudo-terminal, as a user at a terminal would: once
+// its output shows `prompt`, `typed` is written to the terminal. Standard
+// output and standard error both arrive in `out`. A child still running after
+// `seconds` is killed (reported as signaled).
+ProcessResult RunOnTerminal(const std::vector<std::string>& argv, const std::string& prompt,
+                            const std::string& typed, int seconds = 30);
+
 // Runs the openssl command-line tool with these arguments; fails the test
 // when it does not exit with 0.
 ProcessResult Openssl(const std::vector<std::string>& args, const std::string* input = nullptr);
