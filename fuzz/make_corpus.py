@@ -137,6 +137,13 @@ def key_seeds(workdir):
     write("pem_key_fuzz", "certificate.pem",
           openssl("req", "-x509", "-new", "-key", small, "-subj", "/CN=seed", "-days", "1"))
     write("pem_key_fuzz", "plain-text", b"neither a key nor a certificate\n")
+    # Labels around the conversion's public-only shortcut: a private body
+    # under PUBLIC KEY (no private key) and under RSA PUBLIC KEY (read as one),
+    # and a public block followed by a private one.
+    traditional = openssl("rsa", "-in", small, "-traditional")
+    write("pem_key_fuzz", "private-as-public.pem", traditional.replace(b"RSA PRIVATE KEY", b"PUBLIC KEY"))
+    write("pem_key_fuzz", "private-as-rsa-public.pem", traditional.replace(b"RSA PRIVATE KEY", b"RSA PUBLIC KEY"))
+    write("pem_key_fuzz", "public-then-private.pem", openssl("pkey", "-in", small, "-pubout") + traditional)
     write("key_file_fuzz", "crlf-public", key_file(key_texts(small), False).replace(b"\n", b"\r\n"))
 
 

@@ -24,6 +24,7 @@
 #include "lbBytes.h"
 #include "lbRsa.h"
 #include "lbSteps.h"
+#include "pemLabels.h"
 #include "version.h"
 
 namespace recaster {
@@ -252,6 +253,15 @@ pem_password_cb* PassphraseCallback()
     return isatty(STDIN_FILENO) ? nullptr : NoPassphrase;
 }
 
+// OpenSSL's private-key reader, unless the file holds only PUBLIC KEY blocks,
+// in which it cannot find a private key: then it is not called, since setting
+// up its decoders costs about as much as all the rest of a conversion.
+RSA* ReadPrivateKey(std::FILE* stream)
+{
+    if (StreamHasOnlyPublicKeyBlocks(stream)) return nullptr;
+    return PEM_read_RSAPrivateKey(stream, nullptr, PassphraseCallback(), nullptr);
+}
+
 }  // namespace
 
 // The lbRsa steps that write one markforge key file. Each step records
@@ -318,7 +328,7 @@ bool converter::ConvertFromPEM(const string& input, const string& output)
     LB_CONTINUE_CHECK();
     if (!in) LB_FAIL("Input file not found");
 
-    if (const RsaPtr key{PEM_read_RSAPrivateKey(in.get(), nullptr, PassphraseCallback(), nullptr)}) {
+    if (const RsaPtr key{ReadPrivateKey(in.get())}) {
         const BIGNUM *n = nullptr, *e = nullptr, *d = nullptr, *p = nullptr, *q = nullptr;
         RSA_get0_key(key.get(), &n, &e, &d);
         RSA_get0_factors(key.get(), &p, &q);
@@ -329,8 +339,8 @@ bool converter::ConvertFromPEM(const string& input, const string& output)
         return true;
     }
 
-    // The stream is rewound because the private-key attempt has already read
-    // through the file.
+    // The stream is rewound because the private-key attempt, when made, has
+    // read through the file.
     std::fseek(in.get(), 0, SEEK_SET);
     const RsaPtr key(PEM_read_RSA_PUBKEY(in.get(), nullptr, nullptr, nullptr));
     if (!key) LB_FAIL_AS("ConvertFromPEM", "key format not recognized");

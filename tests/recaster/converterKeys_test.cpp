@@ -411,6 +411,28 @@ TEST_F(ConverterKeys, PublicKeyIsFoundAfterThePrivateAttemptReadThroughTheFile)
     EXPECT_TRUE(TrailLines().empty());
 }
 
+TEST_F(ConverterKeys, PrivateKeyAfterAPublicKeyIsReadAsThePrivateKey)
+{
+    // The private-key reader looks past the public block.
+    WriteFile(Out("both.pem"), ReadFile(Key("public.pem")) + ReadFile(Key("pkcs1.pem")));
+    const KeyTexts key = ReadMarkforgeKey(ToMarkforge(Out("both.pem"), &converter::ConvertFromPEM));
+    EXPECT_EQ(key.n, *modulusHex);
+    EXPECT_FALSE(key.d.empty());
+}
+
+TEST_F(ConverterKeys, PrivateKeyUnderAnRsaPublicKeyLabelIsReadAsThePrivateKey)
+{
+    // OpenSSL reads a private key body under this label; only blocks
+    // labelled PUBLIC KEY are known to hold no private key.
+    std::string text = ReadFile(Key("pkcs1.pem"));
+    for (std::size_t at; (at = text.find("RSA PRIVATE KEY")) != std::string::npos;)
+        text.replace(at, 15, "RSA PUBLIC KEY");
+    WriteFile(Out("relabelled.pem"), text);
+    const KeyTexts key = ReadMarkforgeKey(ToMarkforge(Out("relabelled.pem"), &converter::ConvertFromPEM));
+    EXPECT_EQ(key.n, *modulusHex);
+    EXPECT_FALSE(key.d.empty());
+}
+
 TEST_F(ConverterKeys, FailingPrivateWriterIsReportedButPemConversionSucceeds)
 {
     ExpectWriterFailureReported("pkcs1.pem", WRITE_PRIVATE);
