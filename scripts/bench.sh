@@ -8,11 +8,14 @@
 #
 # Environment: MARKFORGE_SKIP_SETUP=1 skips scripts/setup.sh; BENCH_DIR picks
 # the folder for the test files (default: a new folder under /tmp, removed
-# at the end); BENCH_BIG_MIB sets the big file's size (default 1024).
+# at the end); BENCH_BIG_MIB sets the big file's size (default 1024);
+# BENCH_CONVERT_ROUNDS the rounds per conversion (default 15); BENCH_ONLY
+# one part: hashing, conversions or memory.
 set -euo pipefail
 source "$(dirname "${BASH_SOURCE[0]}")/lib.sh"
 
 BIG_MIB="${BENCH_BIG_MIB:-1024}"
+CONVERT_ROUNDS="${BENCH_CONVERT_ROUNDS:-15}"
 BUILD="$MARKFORGE_ROOT/build-bench"
 
 if [ "${MARKFORGE_SKIP_SETUP:-0}" != 1 ]; then
@@ -116,17 +119,57 @@ make_keys() {
     "$RECASTER" --convertkey -i "$WORK/private.pem" -o "$WORK/private.mf" -I pem -O markforge
 }
 
-# One conversion against its openssl counterpart.
+# Median of the numbers on standard input.
+median() {
+    sort -g | awk '{ v[NR] = $1 } END { print (NR % 2) ? v[(NR + 1) / 2] : (v[NR / 2] + v[NR / 2 + 1]) / 2 }'
+}
+
+# Median seconds of the named column's row `row` of a hyperfine CSV.
+csv_median() {
+    awk -F, -v row="$2" 'NR == 1 { for (i = 1; i <= NF; i++) col[$i] = i }
+        NR == row + 1 { print $col["median"] }' "$1"
+}
+
+# Instructions executed by one run (valgrind), or nothing without valgrind.
+instructions() {
+    command -v valgrind >/dev/null || return 0
+    valgrind --tool=callgrind --callgrind-out-file=/dev/null "$@" 2>&1 >/dev/null |
+        sed -nE 's/.*refs:[[:space:]]+([0-9,]+).*/\1/p' | tr -d ,
+}
+
+# A count in millions with one decimal, or "-" for no count.
+millions() {
+    awk -v i="$1" 'BEGIN { if (i != "") printf "%.1f", i / 1e6; else print "-" }'
+}
+
+# One conversion against its openssl counterpart. The two alternate in
+# CONVERT_ROUNDS short hyperfine rounds, so a change in the machine's load
+# during the measurement falls on both alike; the figures are medians over
+# the rounds (times: of each round's median; ratio: of each round's ratio).
 bench_pair() {
     local label="$1" ours="$2" theirs="$3"
-    local csv="$WORK/convert-$(tr -c 'a-z0-9' - <<<"$label").csv"
-    hyperfine -N --style basic --warmup 5 --runs 50 --export-csv "$csv" -n "recaster: $label" "$ours" \
-        -n "openssl" "$theirs" >/dev/null
-    local a b
-    a="$(csv_mean "$csv" 1)"
-    b="$(csv_mean "$csv" 2)"
-    record "$(printf '  %-26s %10.2f %10.2f %8s  %s' "$label" "$(awk -v t="$a" 'BEGIN { print t * 1000 }')" \
-        "$(awk -v t="$b" 'BEGIN { print t * 1000 }')" "$(ratio "$a" "$b")" "${theirs%% -in*}")"
+    local csv="$WORK/convert.csv" rounds="$WORK/rounds.txt"
+    : >"$rounds"
+    for _ in $(seq "$CONVERT_ROUNDS"); do
+        hyperfine -N --style none --warmup 3 --runs 20 --export-csv "$csv" -n recaster "$ours" \
+            -n openssl "$theirs" >/dev/null 2>&1
+        local a b
+        a="$(csv_median "$csv" 1)"
+        b="$(csv_median "$csv" 2)"
+        echo "$a $b $(ratio "$a" "$b")" >>"$rounds"
+    done
+    local a b r ia ib
+    a="$(awk '{ print $1 * 1000 }' "$rounds" | median)"
+    b="$(awk '{ print $2 * 1000 }' "$rounds" | median)"
+    r="$(awk '{ print $3 }' "$rounds" | median)"
+    # shellcheck disable=SC2086 # the commands are word lists
+    ia="$(instructions $ours)"
+    # shellcheck disable=SC2086
+    ib="$(instructions $theirs)"
+    record "$(printf '  %-26s %10.2f %10.2f %7.3f %9s %9s %7s  %s' "$label" "$a" "$b" "$r" \
+        "$(millions "$ia")" "$(millions "$ib")" \
+        "$(awk -v a="$ia" -v b="$ib" 'BEGIN { if (a != "" && b != "") printf "%.3f", a / b; else print "-" }')" \
+        "${theirs%% -in*}")"
 }
 
 bench_conversions() {
@@ -136,8 +179,10 @@ bench_conversions() {
     local pubout="openssl pkey -pubin -in $w/public.pem -pubout -out $out.pem"
     local traditional="openssl rsa -in $w/private.pem -traditional -out $out.pem"
     record ""
-    record "Key conversions (whole process, mean of 50 runs)"
-    record "$(printf '  %-26s %10s %10s %8s  %s' conversion 'recaster ms' 'openssl ms' ratio 'openssl command')"
+    record "Key conversions (whole process; $CONVERT_ROUNDS alternating rounds of 20 runs each, medians)"
+    record "$(printf '  %-26s %10s %10s %7s %9s %9s %7s  %s' conversion 'recaster' 'openssl' 'ratio' \
+        'recaster' 'openssl' 'ratio' 'openssl command')"
+    record "$(printf '  %-26s %10s %10s %7s %9s %9s %7s' '' ms ms time 'M instr' 'M instr' instr)"
     bench_pair "raw -> pem" "$RECASTER --convertkey -i $w/modulus.bin -o $out -I raw -O pem" "$pubout"
     bench_pair "raw -> markforge" "$RECASTER --convertkey -i $w/modulus.bin -o $out -I raw -O markforge" "$pubout"
     bench_pair "pem public -> raw" "$RECASTER --convertkey -i $w/public.pem -o $out -I pem -O raw" "$pubout"
@@ -147,7 +192,7 @@ bench_conversions() {
     bench_pair "markforge public -> pem" "$RECASTER --convertkey -i $w/public.mf -o $out -I markforge -O pem" "$pubout"
     bench_pair "markforge private -> pem" "$RECASTER --convertkey -i $w/private.mf -o $out -I markforge -O pem" \
         "$traditional"
-    record "  (ratio: recaster time / openssl time; below 1 is faster)"
+    record "  (ratio: recaster / openssl, below 1 is faster; instructions counted by valgrind when present)"
 }
 
 peak_kib() {
@@ -168,10 +213,18 @@ bench_memory() {
         "$(peak_kib openssl dgst -sha256 "$WORK/file-64MiB")" "$(peak_kib openssl dgst -sha256 "$WORK/file-big")")"
 }
 
-make_files
-bench_hashing
-bench_conversions
-bench_memory
+case "${BENCH_ONLY:-all}" in
+all)
+    make_files
+    bench_hashing
+    bench_conversions
+    bench_memory
+    ;;
+hashing) make_files && bench_hashing ;;
+conversions) bench_conversions ;;
+memory) make_files && bench_memory ;;
+*) die "BENCH_ONLY must be hashing, conversions or memory" ;;
+esac
 
 banner "bench: summary ($(nproc) cores, $(grep -m1 'model name' /proc/cpuinfo | cut -d: -f2 | xargs))"
 cat "$SUMMARY"

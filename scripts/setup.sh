@@ -16,7 +16,7 @@ PACKAGES=(
     googletest libgtest-dev libbenchmark-dev
     clang libfuzzer-14-dev libclang-rt-14-dev
     g++-arm-linux-gnueabihf qemu-user
-    hyperfine time
+    hyperfine time valgrind
 )
 
 export DEBIAN_FRONTEND=noninteractive
