@@ -41,9 +41,11 @@ fi
 SUMMARY="$WORK/summary.txt"
 : >"$SUMMARY"
 
-# Mean seconds of row `row` (1-based, in command order) of a hyperfine CSV.
-csv_mean() {
-    awk -F, -v row="$2" 'NR == row + 1 { print $2 }' "$1"
+# Field `name` (a column title: mean, median, ...) of row `row` (1-based, in
+# command order) of a hyperfine CSV.
+csv_field() {
+    awk -F, -v row="$2" -v name="$3" 'NR == 1 { for (i = 1; i <= NF; i++) col[$i] = i }
+        NR == row + 1 { print $col[name] }' "$1"
 }
 
 # Mean CPU seconds (user + system) of row `row` of a hyperfine CSV: less
@@ -96,8 +98,8 @@ bench_hashing() {
             -n "markforge $algorithm" "$HASH_BENCH --hash-once $algorithm $file" \
             -n "openssl $algorithm" "openssl dgst -$algorithm $file"
         local ours theirs ours_cpu theirs_cpu
-        ours="$(csv_mean "$csv" 1)"
-        theirs="$(csv_mean "$csv" 2)"
+        ours="$(csv_field "$csv" 1 mean)"
+        theirs="$(csv_field "$csv" 2 mean)"
         ours_cpu="$(csv_cpu "$csv" 1)"
         theirs_cpu="$(csv_cpu "$csv" 2)"
         record "$(printf '  %-9s %15s %13s %7s   %15s %13s %7s' "$algorithm" \
@@ -124,12 +126,6 @@ median() {
     sort -g | awk '{ v[NR] = $1 } END { print (NR % 2) ? v[(NR + 1) / 2] : (v[NR / 2] + v[NR / 2 + 1]) / 2 }'
 }
 
-# Median seconds of the named column's row `row` of a hyperfine CSV.
-csv_median() {
-    awk -F, -v row="$2" 'NR == 1 { for (i = 1; i <= NF; i++) col[$i] = i }
-        NR == row + 1 { print $col["median"] }' "$1"
-}
-
 # Instructions executed by one run (valgrind), or nothing without valgrind.
 instructions() {
     command -v valgrind >/dev/null || return 0
@@ -154,8 +150,8 @@ bench_pair() {
         hyperfine -N --style none --warmup 3 --runs 20 --export-csv "$csv" -n recaster "$ours" \
             -n openssl "$theirs" >/dev/null 2>&1
         local a b
-        a="$(csv_median "$csv" 1)"
-        b="$(csv_median "$csv" 2)"
+        a="$(csv_field "$csv" 1 median)"
+        b="$(csv_field "$csv" 2 median)"
         echo "$a $b $(ratio "$a" "$b")" >>"$rounds"
     done
     local a b r ia ib

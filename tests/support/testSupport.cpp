@@ -98,6 +98,16 @@ std::vector<std::string> WithEmulator(const std::vector<std::string>& argv)
     return argv;
 }
 
+// `command` as the null-terminated array exec and spawn take; it points into
+// `command`, which must outlive it.
+std::vector<char*> ExecArguments(const std::vector<std::string>& command)
+{
+    std::vector<char*> args;
+    for (const std::string& arg : command) args.push_back(const_cast<char*>(arg.c_str()));
+    args.push_back(nullptr);
+    return args;
+}
+
 // In a sanitizer build the spawned programs are instrumented too; a report
 // from one fails the test even where the expected exit status matches.
 void CheckForSanitizerReport(const std::vector<std::string>& argv, const ProcessResult& result)
@@ -144,9 +154,7 @@ ProcessResult Run(const std::vector<std::string>& argv, const std::string* input
     posix_spawnattr_setflags(&attributes, POSIX_SPAWN_SETSID);
 
     const std::vector<std::string> command = WithEmulator(argv);
-    std::vector<char*> args;
-    for (const std::string& arg : command) args.push_back(const_cast<char*>(arg.c_str()));
-    args.push_back(nullptr);
+    std::vector<char*> args = ExecArguments(command);
 
     pid_t pid = 0;
     const int rc = posix_spawnp(&pid, args[0], &actions, &attributes, args.data(), environ);
@@ -180,9 +188,7 @@ ProcessResult RunOnTerminal(const std::vector<std::string>& argv, const std::str
                             const std::string& typed, int seconds)
 {
     const std::vector<std::string> command = WithEmulator(argv);
-    std::vector<char*> args;
-    for (const std::string& arg : command) args.push_back(const_cast<char*>(arg.c_str()));
-    args.push_back(nullptr);
+    std::vector<char*> args = ExecArguments(command);
 
     int terminal = -1;
     const pid_t pid = forkpty(&terminal, nullptr, nullptr, nullptr);
@@ -197,7 +203,8 @@ ProcessResult RunOnTerminal(const std::vector<std::string>& argv, const std::str
     bool typedYet = false;
     char buffer[4096];
     for (;;) {
-        const auto left = std::chrono::duration_cast<std::chrono::milliseconds>(deadline - std::chrono::steady_clock::now());
+        using std::chrono::milliseconds;
+        const auto left = std::chrono::duration_cast<milliseconds>(deadline - std::chrono::steady_clock::now());
         pollfd p{terminal, POLLIN, 0};
         const int ready = left.count() > 0 ? poll(&p, 1, static_cast<int>(left.count())) : 0;
         if (ready < 0 && errno == EINTR) continue;
