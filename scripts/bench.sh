@@ -9,13 +9,13 @@
 # Environment: MARKFORGE_SKIP_SETUP=1 skips scripts/setup.sh; BENCH_DIR picks
 # the folder for the test files (default: a new folder under /tmp, removed
 # at the end); BENCH_BIG_MIB sets the big file's size (default 1024);
-# BENCH_CONVERT_ROUNDS the rounds per conversion (default 15); BENCH_ONLY
+# BENCH_CONVERT_ROUNDS the rounds per conversion (default 25); BENCH_ONLY
 # one part: hashing, conversions or memory.
 set -euo pipefail
 source "$(dirname "${BASH_SOURCE[0]}")/lib.sh"
 
 BIG_MIB="${BENCH_BIG_MIB:-1024}"
-CONVERT_ROUNDS="${BENCH_CONVERT_ROUNDS:-15}"
+CONVERT_ROUNDS="${BENCH_CONVERT_ROUNDS:-25}"
 BUILD="$MARKFORGE_ROOT/build-bench"
 
 if [ "${MARKFORGE_SKIP_SETUP:-0}" != 1 ]; then
@@ -188,7 +188,11 @@ bench_conversions() {
     bench_pair "markforge public -> pem" "$RECASTER --convertkey -i $w/public.mf -o $out -I markforge -O pem" "$pubout"
     bench_pair "markforge private -> pem" "$RECASTER --convertkey -i $w/private.mf -o $out -I markforge -O pem" \
         "$traditional"
-    record "  (ratio: recaster / openssl, below 1 is faster; instructions counted by valgrind when present)"
+    # The same command in both columns: how far this machine's noise alone
+    # moves a ratio measured this way.
+    bench_pair "control: openssl twice" "$traditional" "$traditional"
+    record "  (ratio: recaster / openssl, below 1 is faster; instructions counted by valgrind when present;"
+    record "   the control row runs the openssl command in both columns, so its distance from 1 is noise)"
 }
 
 peak_kib() {

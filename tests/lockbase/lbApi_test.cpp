@@ -1,6 +1,9 @@
 // lbApi: selecting OpenSSL's default provider by the name "openssl".
 #include <gtest/gtest.h>
 
+#include <openssl/bio.h>
+#include <openssl/err.h>
+#include <openssl/pem.h>
 #include <openssl/provider.h>
 
 #include <cstdio>
@@ -58,6 +61,24 @@ void ReportDefaultProviderAcrossOpenAndClose()
     std::exit(0);
 }
 
+// Runs in a process of its own. A failed PEM read is the first OpenSSL error
+// in the process, the moment OpenSSL would otherwise load its error texts.
+void ReportErrorTextAfterOpen()
+{
+    lbApi api;
+    const bool opened = api.Open("openssl");
+    BIO* const empty = BIO_new_mem_buf("", 0);
+    EVP_PKEY* const key = PEM_read_bio_PrivateKey(empty, nullptr, nullptr, nullptr);
+    const bool read = key != nullptr;
+    EVP_PKEY_free(key);
+    BIO_free(empty);
+    const unsigned long error = ERR_peek_error();
+    const char* const text = ERR_reason_error_string(error);
+    std::fprintf(stderr, "open %d, key %d, error %d, text %s\n", opened, read, error != 0,
+                 text ? text : "(none)");
+    std::exit(0);
+}
+
 using LbApiTest = FrameworkTest;
 
 // Declared first: it needs a process in which nothing has used OpenSSL's
@@ -67,6 +88,16 @@ TEST_F(LbApiTest, OpensslMakesTheDefaultProviderAvailableUntilClosed)
 {
     EXPECT_EXIT(ReportDefaultProviderAcrossOpenAndClose(), ::testing::ExitedWithCode(0),
                 "^before 0, open 1 1, close 1 0\n$");
+}
+
+// The tools never show OpenSSL's own error texts (the trail says what
+// failed in their words), so Open tells OpenSSL not to load its table of
+// them. Like the case above, it needs a process where OpenSSL has not yet
+// recorded an error.
+TEST_F(LbApiTest, OpensslErrorTextsAreNotLoaded)
+{
+    EXPECT_EXIT(ReportErrorTextAfterOpen(), ::testing::ExitedWithCode(0),
+                "^open 1, key 0, error 1, text \\(none\\)\n$");
 }
 
 TEST_F(LbApiTest, OpenIsACheckedOpenWithoutTrailEntries)
