@@ -25,13 +25,13 @@ bool lbApi::Open(const std::string& provider)
     // configuration file (and OPENSSL_CONF) is not read: a host's file could
     // otherwise switch providers or properties under the tool. Nor does
     // OpenSSL free its tables at exit: the tools are short-lived processes,
-    // and the system takes the memory back faster. Both hold when Open comes
-    // before any other OpenSSL use in the process, as it does in every tool;
-    // later, OpenSSL has already made its choice. OpenSSL's error texts are
-    // not loaded either: the tools report failures in their own words and
-    // never print OpenSSL's, and loading the table costs close to a million
-    // instructions the first time OpenSSL touches its error queue, which
-    // every key read does.
+    // and the system takes the memory back faster. Nor does it load its error
+    // texts: the tools report failures in their own words and never print
+    // OpenSSL's, and loading the table costs close to a million instructions
+    // the first time OpenSSL touches its error queue, which every key read
+    // does. All three hold when Open comes before any other OpenSSL use in
+    // the process, as it does in every tool; later, OpenSSL has already made
+    // its choice.
     OPENSSL_init_crypto(OPENSSL_INIT_NO_LOAD_CONFIG | OPENSSL_INIT_NO_ATEXIT | OPENSSL_INIT_NO_LOAD_CRYPTO_STRINGS,
                         nullptr);
     _provider = OSSL_PROVIDER_load(nullptr, "default");

@@ -61,8 +61,9 @@ void ReportDefaultProviderAcrossOpenAndClose()
     std::exit(0);
 }
 
-// Runs in a process of its own. A failed PEM read is the first OpenSSL error
-// in the process, the moment OpenSSL would otherwise load its error texts.
+// Runs in a process of its own. The failed PEM read is the first use of
+// OpenSSL's error queue in the process, the moment OpenSSL would otherwise
+// load its error texts.
 void ReportErrorTextAfterOpen()
 {
     lbApi api;
@@ -92,8 +93,8 @@ TEST_F(LbApiTest, OpensslMakesTheDefaultProviderAvailableUntilClosed)
 
 // The tools never show OpenSSL's own error texts (the trail says what
 // failed in their words), so Open tells OpenSSL not to load its table of
-// them. Like the case above, it needs a process where OpenSSL has not yet
-// recorded an error.
+// them. Like the case above, it needs a process where OpenSSL's error queue
+// has not been used yet.
 TEST_F(LbApiTest, OpensslErrorTextsAreNotLoaded)
 {
     EXPECT_EXIT(ReportErrorTextAfterOpen(), ::testing::ExitedWithCode(0),
