@@ -26,7 +26,7 @@ using Lines = std::vector<std::string>;
 namespace {
 
 const std::string CONVERTER_CPP = "recaster/converter.cpp";
-const std::string HEADER_CPP = "recaster/header.cpp";
+const std::string HEADER_CPP = "libmarkforge/header.cpp";
 const std::string FROM_BIN = "bool recaster::converter::ConvertSigFromBin(const string&, const string&)";
 const std::string FROM_MF = "bool recaster::converter::ConvertSigFromMF(const string&, const string&)";
 const std::string FROM_DER = "bool recaster::converter::ConvertSigFromDER(const string&, const string&)";

@@ -31,8 +31,8 @@ using Lines = std::vector<std::string>;
 
 namespace {
 
-const std::string HEADER_CPP = "recaster/header.cpp";
-const std::string ARCHIVE_CPP = "recaster/archive.cpp";
+const std::string HEADER_CPP = "libmarkforge/header.cpp";
+const std::string ARCHIVE_CPP = "libmarkforge/archive.cpp";
 const std::string SCAN = "bool markforge::header::ScanHeaderOffset(std::ifstream&)";
 const std::string CREATE = "bool markforge::header::CreateFromFilePath(const string&, std::ifstream&, uint32_t)";
 const std::string ARCHIVE_OPEN = "bool markforge::archive::Open(const char*, uint32_t, uint32_t, uint32_t)";

@@ -299,7 +299,7 @@ TEST_F(SignTest, DigestFailureWinsOverAModeError)
     EXPECT_FALSE(SignChecksum(Checksum(64), "Production", 0));
     EXPECT_EQ(err, "");
     EXPECT_EQ(TrailLines(), (std::vector<std::string>{std::string(SIGN_TEXT) +
-                                                      "|recaster/sign.cpp|Unable to continue from previous error"}));
+                                                      "|libmarkforge/sign.cpp|Unable to continue from previous error"}));
 }
 
 // ---- the digest that is signed -----------------------------------------------
@@ -419,9 +419,9 @@ TEST_F(SignTest, DevelopmentWithoutGeneratorFailsOnTheTrail)
     EXPECT_TRUE(lbGlobal.errorFlag);
     EXPECT_EQ(TrailLines(),
               (std::vector<std::string>{
-                  "bool markforge::keyname::Open(const string&, bool)|recaster/keyname.cpp|"
+                  "bool markforge::keyname::Open(const string&, bool)|libmarkforge/keyname.cpp|"
                   "Invalid function: markforgeRegistry->mfPluginKeynameGenerator ",
-                  std::string(SIGN_TEXT) + "|recaster/sign.cpp|Object Open() routine failed."}));
+                  std::string(SIGN_TEXT) + "|libmarkforge/sign.cpp|Object Open() routine failed."}));
     EXPECT_EQ(err, "");
 }
 
@@ -434,7 +434,7 @@ TEST_F(SignTest, DevelopmentWithAMissingKeyFileFailsOnTheTrail)
     const std::vector<std::string> lines = TrailLines();
     ASSERT_EQ(lines.size(), 2u);
     EXPECT_EQ(lines[0].rfind("bool lbRsa::ReadKeyFromDisk(const string&)|lockbase/lbRsa.cpp|Key file ", 0), 0u);
-    EXPECT_EQ(lines[1], std::string(SIGN_TEXT) + "|recaster/sign.cpp|Boolean return value failed.");
+    EXPECT_EQ(lines[1], std::string(SIGN_TEXT) + "|libmarkforge/sign.cpp|Boolean return value failed.");
     EXPECT_EQ(Signature(), before);
 }
 
@@ -449,8 +449,8 @@ TEST_F(SignTest, DevelopmentWithAPublicKeyFailsInSignInternal)
     EXPECT_EQ(TrailLines(),
               (std::vector<std::string>{
                   "bool lbRsa::Sign(const lbBytes&, lbBytes&)|lockbase/lbRsa.cpp|Signing needs a private key",
-                  std::string(SIGN_INTERNAL_TEXT) + "|recaster/sign.cpp|Boolean return value failed.",
-                  std::string(SIGN_TEXT) + "|recaster/sign.cpp|Boolean return value failed."}));
+                  std::string(SIGN_INTERNAL_TEXT) + "|libmarkforge/sign.cpp|Boolean return value failed.",
+                  std::string(SIGN_TEXT) + "|libmarkforge/sign.cpp|Boolean return value failed."}));
     EXPECT_TRUE(Signature().empty());
 }
 
@@ -462,7 +462,7 @@ TEST_F(SignTest, SignInternalStopsOnARaisedFlag)
     lbGlobal.errorFlag = true;
     EXPECT_FALSE(object.SignInternal(LbBytes(Sequence(32)), rsa));
     EXPECT_EQ(TrailLines(), (std::vector<std::string>{std::string(SIGN_INTERNAL_TEXT) +
-                                                      "|recaster/sign.cpp|Unable to continue from previous error"}));
+                                                      "|libmarkforge/sign.cpp|Unable to continue from previous error"}));
     EXPECT_TRUE(Signature().empty());
 }
 
@@ -673,6 +673,6 @@ TEST_F(SignTest, GetSignatureCopiesTheWholeBuffer)
 TEST_F(SignTest, ObjectDestroyedWhileOpenIsReported)
 {
     testsupport::ExpectReportedWhenDestroyedOpen<sign>(
-        "virtual markforge::sign::~sign()|recaster/sign.h|"
+        "virtual markforge::sign::~sign()|libmarkforge/sign.h|"
         "Object ( markforge::sign ) was not closed before going out of scope. ");
 }

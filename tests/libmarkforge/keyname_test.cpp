@@ -109,7 +109,7 @@ protected:
         EXPECT_FALSE(names.Open("k", true));
         EXPECT_TRUE(lbGlobal.errorFlag);
         EXPECT_EQ(TrailLines(),
-                  (std::vector<std::string>{std::string(OPEN_TEXT) + "|recaster/keyname.cpp|" + NO_GENERATOR}));
+                  (std::vector<std::string>{std::string(OPEN_TEXT) + "|libmarkforge/keyname.cpp|" + NO_GENERATOR}));
     }
 
     markforgeRegistryRecord registry;
@@ -221,7 +221,7 @@ TEST_F(KeynameTest, EmptyArrayMakesTheCallersCheckedOpenFail)
     EXPECT_FALSE(opener.OpenAndClose(names, "k"));
     EXPECT_TRUE(lbGlobal.errorFlag);
     EXPECT_EQ(TrailLines(), (std::vector<std::string>{"bool Opener::OpenAndClose(markforge::keyname&, const string&)|"
-                                                      "tests/recaster/keyname_test.cpp|Object Open() routine failed."}));
+                                                      "tests/libmarkforge/keyname_test.cpp|Object Open() routine failed."}));
     EXPECT_FALSE(names.IsOpen());
 }
 
@@ -257,10 +257,10 @@ TEST_F(KeynameTest, MissingGeneratorStopsEveryLaterCheckedStep)
     EXPECT_EQ(script.calls, 0);
     EXPECT_EQ(TrailLines(),
               (std::vector<std::string>{
-                  std::string(OPEN_TEXT) + "|recaster/keyname.cpp|" + NO_GENERATOR,
-                  "bool Opener::OpenAndClose(markforge::keyname&, const string&)|tests/recaster/keyname_test.cpp|"
+                  std::string(OPEN_TEXT) + "|libmarkforge/keyname.cpp|" + NO_GENERATOR,
+                  "bool Opener::OpenAndClose(markforge::keyname&, const string&)|tests/libmarkforge/keyname_test.cpp|"
                   "Object Open() routine failed.",
-                  std::string(OPEN_TEXT) + "|recaster/keyname.cpp|Unable to continue from previous error"}));
+                  std::string(OPEN_TEXT) + "|libmarkforge/keyname.cpp|Unable to continue from previous error"}));
 }
 
 TEST_F(KeynameTest, MissingRegistryCountsAsMissingGenerator)
@@ -277,7 +277,7 @@ TEST_F(KeynameTest, RaisedFlagStopsBeforeTheGeneratorIsCalled)
     EXPECT_FALSE(names.Open("k", true));
     EXPECT_EQ(script.calls, 0);
     EXPECT_EQ(TrailLines(), (std::vector<std::string>{std::string(OPEN_TEXT) +
-                                                      "|recaster/keyname.cpp|Unable to continue from previous error"}));
+                                                      "|libmarkforge/keyname.cpp|Unable to continue from previous error"}));
 }
 
 TEST_F(KeynameTest, DestroyedWhileOpenIsReported)
@@ -285,6 +285,6 @@ TEST_F(KeynameTest, DestroyedWhileOpenIsReported)
     script.names = {"x"};
     testsupport::ExpectReportedWhenDestroyedOpen<keyname>(
         [](keyname& names) { return names.Open("k", true); },
-        "virtual markforge::keyname::~keyname()|recaster/keyname.h|"
+        "virtual markforge::keyname::~keyname()|libmarkforge/keyname.h|"
         "Object ( markforge::keyname ) was not closed before going out of scope. ");
 }

@@ -6,7 +6,7 @@
 #include "lbHashId.h"
 #include "lbMd.h"
 #include "lbSteps.h"
-#include "version.h"
+#include "markforgeVersion.h"
 
 namespace markforge {
 namespace {

@@ -323,9 +323,9 @@ TEST_F(HashTest, StreamThatIsNotGoodIsRefusedWithItsCondition)
     EXPECT_TRUE(lbGlobal.errorFlag);
     EXPECT_EQ(TrailLines(),
               (std::vector<std::string>{
-                  "bool markforge::hash::GenerateHashInternal(std::ifstream&, uint32_t, uint32_t)|recaster/hash.cpp|"
+                  "bool markforge::hash::GenerateHashInternal(std::ifstream&, uint32_t, uint32_t)|libmarkforge/hash.cpp|"
                   "instream.good()",
-                  "bool markforge::hash::Generate(std::ifstream&)|recaster/hash.cpp|Boolean return value failed."}));
+                  "bool markforge::hash::Generate(std::ifstream&)|libmarkforge/hash.cpp|Boolean return value failed."}));
     EXPECT_EQ(Digest(), before);
     EXPECT_EQ(HashedSize(), 100u);
 }
@@ -336,13 +336,13 @@ TEST_F(HashTest, EachGeneratorReportsUnderItsOwnName)
     EXPECT_FALSE(object.Generate_SHA384(missing384));
     ASSERT_FALSE(TrailLines().empty());
     EXPECT_EQ(TrailLines().back(),
-              "bool markforge::hash::Generate_SHA384(std::ifstream&)|recaster/hash.cpp|Boolean return value failed.");
+              "bool markforge::hash::Generate_SHA384(std::ifstream&)|libmarkforge/hash.cpp|Boolean return value failed.");
     lbGlobal.Reset();
     std::ifstream missing512(dir.file("no-such-file"), std::ios::binary);
     EXPECT_FALSE(object.Generate_SHA512(missing512));
     ASSERT_FALSE(TrailLines().empty());
     EXPECT_EQ(TrailLines().back(),
-              "bool markforge::hash::Generate_SHA512(std::ifstream&)|recaster/hash.cpp|Boolean return value failed.");
+              "bool markforge::hash::Generate_SHA512(std::ifstream&)|libmarkforge/hash.cpp|Boolean return value failed.");
 }
 
 TEST_F(HashTest, RaisedFlagStopsBeforeAnythingIsRead)
@@ -352,7 +352,7 @@ TEST_F(HashTest, RaisedFlagStopsBeforeAnythingIsRead)
     EXPECT_FALSE(object.Generate(recorded.stream));
     EXPECT_TRUE(recorded.buffer.reads.empty());
     EXPECT_EQ(HashedSize(), 0u);
-    EXPECT_EQ(TrailLines(), (std::vector<std::string>{"bool markforge::hash::Generate(std::ifstream&)|recaster/hash.cpp|"
+    EXPECT_EQ(TrailLines(), (std::vector<std::string>{"bool markforge::hash::Generate(std::ifstream&)|libmarkforge/hash.cpp|"
                                                       "Unable to continue from previous error"}));
 }
 
@@ -365,13 +365,13 @@ TEST_F(HashTest, RaisedFlagStopsTheWorkerToo)
     EXPECT_EQ(HashedSize(), 0u);
     ASSERT_FALSE(TrailLines().empty());
     EXPECT_EQ(TrailLines().front(),
-              "bool markforge::hash::GenerateHashInternal(std::ifstream&, uint32_t, uint32_t)|recaster/hash.cpp|"
+              "bool markforge::hash::GenerateHashInternal(std::ifstream&, uint32_t, uint32_t)|libmarkforge/hash.cpp|"
               "Unable to continue from previous error");
 }
 
 TEST_F(HashTest, ObjectDestroyedWhileOpenIsReported)
 {
     testsupport::ExpectReportedWhenDestroyedOpen<hash>(
-        "virtual markforge::hash::~hash()|recaster/hash.h|"
+        "virtual markforge::hash::~hash()|libmarkforge/hash.h|"
         "Object ( markforge::hash ) was not closed before going out of scope. ");
 }

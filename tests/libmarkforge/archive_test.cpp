@@ -22,7 +22,7 @@ using Lines = std::vector<std::string>;
 
 namespace {
 
-const std::string ARCHIVE_CPP = "recaster/archive.cpp";
+const std::string ARCHIVE_CPP = "libmarkforge/archive.cpp";
 const std::string OPEN = "bool markforge::archive::Open(const char*, uint32_t, uint32_t, uint32_t)";
 const std::string GET_SIGNATURE = "bool markforge::archive::GetSignature(uint8_t, lbBytes&)";
 const std::string GET_OFFSET = "bool markforge::archive::GetOffsetById(uint8_t, uint32_t&)";

@@ -105,7 +105,7 @@ protected:
     {
         EXPECT_TRUE(built.CompBlockList.empty());
         EXPECT_TRUE(lbGlobal.errorFlag);
-        EXPECT_EQ(TrailLines(), (std::vector<std::string>{std::string(ADD_TEXT) + "|recaster/archive.cpp|" + message}));
+        EXPECT_EQ(TrailLines(), (std::vector<std::string>{std::string(ADD_TEXT) + "|libmarkforge/archive.cpp|" + message}));
     }
 
     Bytes ArchiveSignature()
@@ -356,7 +356,7 @@ TEST_F(ArchiveBuildTest, RaisedFlagStopsAddingBeforeAnyCheck)
     lbGlobal.errorFlag = true;
     EXPECT_FALSE(built.AddComponent("a-name-far-too-long", dir.file("missing.bin")));
     EXPECT_EQ(TrailLines(), (std::vector<std::string>{std::string(ADD_TEXT) +
-                                                      "|recaster/archive.cpp|Unable to continue from previous error"}));
+                                                      "|libmarkforge/archive.cpp|Unable to continue from previous error"}));
 }
 
 TEST_F(ArchiveBuildTest, SigningFailureOfAComponentIsReportedOutward)
@@ -367,9 +367,9 @@ TEST_F(ArchiveBuildTest, SigningFailureOfAComponentIsReportedOutward)
     EXPECT_TRUE(built.CompBlockList.empty());
     const std::vector<std::string> lines = TrailLines();
     ASSERT_EQ(lines.size(), 3u);
-    EXPECT_EQ(lines[0], "bool markforge::keyname::Open(const string&, bool)|recaster/keyname.cpp|"
+    EXPECT_EQ(lines[0], "bool markforge::keyname::Open(const string&, bool)|libmarkforge/keyname.cpp|"
                         "Invalid function: markforgeRegistry->mfPluginKeynameGenerator ");
-    EXPECT_EQ(lines[2], std::string(ADD_TEXT) + "|recaster/archive.cpp|Boolean return value failed.");
+    EXPECT_EQ(lines[2], std::string(ADD_TEXT) + "|libmarkforge/archive.cpp|Boolean return value failed.");
 }
 
 TEST_F(ArchiveBuildTest, SignatureLongerThanTheRecordFieldIsRefused)
@@ -423,7 +423,7 @@ TEST_F(ArchiveBuildTest, InitStopsOnARaisedFlag)
     lbGlobal.errorFlag = true;
     EXPECT_FALSE(built.InitAddComponentsFromCmdline());
     EXPECT_EQ(TrailLines(), (std::vector<std::string>{"bool markforge::archive::InitAddComponentsFromCmdline()|"
-                                                      "recaster/archive.cpp|Unable to continue from previous error"}));
+                                                      "libmarkforge/archive.cpp|Unable to continue from previous error"}));
 }
 
 TEST_F(ArchiveBuildTest, InitOfAnUnopenedArchiveFails)
@@ -431,7 +431,7 @@ TEST_F(ArchiveBuildTest, InitOfAnUnopenedArchiveFails)
     EXPECT_FALSE(built.InitAddComponentsFromCmdline());
     EXPECT_TRUE(lbGlobal.errorFlag);
     EXPECT_EQ(TrailLines(), (std::vector<std::string>{"bool markforge::archive::InitAddComponentsFromCmdline()|"
-                                                      "recaster/archive.cpp|Boolean return value failed."}));
+                                                      "libmarkforge/archive.cpp|Boolean return value failed."}));
 }
 
 TEST_F(ArchiveBuildTest, BuildingOpenStartsEmptyAtOffsetZero)

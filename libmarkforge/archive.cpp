@@ -10,7 +10,7 @@
 #include "hash.h"
 #include "lbSteps.h"
 #include "sign.h"
-#include "version.h"
+#include "markforgeVersion.h"
 
 namespace markforge {
 

@@ -19,7 +19,7 @@
 #include "lbMd.h"
 #include "lbRsa.h"
 #include "lbSteps.h"
-#include "version.h"
+#include "markforgeVersion.h"
 
 namespace markforge {
 namespace {

@@ -5,7 +5,7 @@
 #include <memory>
 
 #include "lbSteps.h"
-#include "version.h"
+#include "markforgeVersion.h"
 
 markforgeRegistryRecord* markforgeRegistry = nullptr;
 

@@ -8,7 +8,7 @@
 
 #include "containerLayout.h"
 #include "lbSteps.h"
-#include "version.h"
+#include "markforgeVersion.h"
 
 namespace markforge {
 namespace {
