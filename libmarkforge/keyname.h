@@ -8,21 +8,7 @@
 #include <vector>
 
 #include "lbBase.h"
-
-// The key-name generator a plug-in supplies: takes a zero-terminated name and
-// a flag, returns a null-terminated array of zero-terminated strings (all
-// allocated with new[], owned by the caller afterwards), or null.
-typedef char** (*mfKeynameGeneratorFn)(const char* name, bool flag);
-
-// The plug-in registry record: a row of pointer-sized fields, of which the
-// fourteenth is the key-name generator.
-struct markforgeRegistryRecord {
-    void* reserved[13];
-    mfKeynameGeneratorFn mfPluginKeynameGenerator;
-};
-static_assert(offsetof(markforgeRegistryRecord, mfPluginKeynameGenerator) == 13 * sizeof(void*),
-              "the generator is field 13 of the registry record");
-static_assert(sizeof(mfKeynameGeneratorFn) == sizeof(void*), "registry fields are pointer-sized");
+#include "markforgePlugin.h"
 
 // Installed by the plug-in host before any key name is resolved. While it is
 // null, resolution fails as for a registry without a generator.

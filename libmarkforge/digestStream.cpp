@@ -1,0 +1,100 @@
+// markforge::digestStream: SHA-2 over OpenSSL's EVP digests.
+#include "digestStream.h"
+
+#include <openssl/evp.h>
+
+#include <stdexcept>
+
+#include "hexString.h"
+
+namespace markforge {
+namespace {
+
+constexpr uint32_t SHA256_ID = 3;
+constexpr uint32_t SHA512_ID = 4;
+constexpr uint32_t SHA384_ID = 5;
+
+const EVP_MD* AlgorithmOf(uint32_t hashId)
+{
+    switch (digestStream::KeptId(hashId)) {
+    case SHA512_ID: return EVP_sha512();
+    case SHA384_ID: return EVP_sha384();
+    default: return EVP_sha256();
+    }
+}
+
+}  // namespace
+
+digestStream::digestStream(uint32_t hashId) : _context(EVP_MD_CTX_new(), EVP_MD_CTX_free)
+{
+    // Failing to set up a built-in digest means OpenSSL itself is unusable.
+    if (!_context || EVP_DigestInit_ex(_context.get(), AlgorithmOf(hashId), nullptr) != 1)
+        throw std::runtime_error("OpenSSL cannot set up a SHA-2 digest");
+}
+
+digestStream::~digestStream() = default;
+
+void digestStream::Update(const uint8_t* data, size_t length)
+{
+    if (length > 0 && EVP_DigestUpdate(_context.get(), data, length) != 1)
+        throw std::runtime_error("OpenSSL digest update failed");
+}
+
+std::vector<uint8_t> digestStream::Final()
+{
+    std::vector<uint8_t> out(EVP_MAX_MD_SIZE);
+    unsigned length = 0;
+    if (EVP_DigestFinal_ex(_context.get(), out.data(), &length) != 1)
+        throw std::runtime_error("OpenSSL digest final failed");
+    out.resize(length);
+    return out;
+}
+
+size_t digestStream::LengthOf(uint32_t hashId)
+{
+    switch (KeptId(hashId)) {
+    case SHA512_ID: return 64;
+    case SHA384_ID: return 48;
+    default: return 32;
+    }
+}
+
+uint32_t digestStream::KeptId(uint32_t hashId)
+{
+    return hashId == SHA512_ID || hashId == SHA384_ID ? hashId : SHA256_ID;
+}
+
+uint32_t digestStream::IdForLength(size_t length)
+{
+    switch (length) {
+    case 32: return SHA256_ID;
+    case 48: return SHA384_ID;
+    case 64: return SHA512_ID;
+    default: return 0;
+    }
+}
+
+const char* digestStream::NameOf(uint32_t hashId)
+{
+    switch (KeptId(hashId)) {
+    case SHA512_ID: return "SHA-512";
+    case SHA384_ID: return "SHA-384";
+    default: return "SHA-256";
+    }
+}
+
+std::vector<uint8_t> digestStream::Of(uint32_t hashId, const uint8_t* data, size_t length)
+{
+    digestStream digest(hashId);
+    digest.Update(data, length);
+    return digest.Final();
+}
+
+std::vector<uint8_t> SignedDigestOf(uint32_t hashId, const std::vector<uint8_t>& contentDigest)
+{
+    // hexString writes upper-case digits, the form the signer hashes.
+    const std::string text = lockbase::hexString(contentDigest).text;
+    return digestStream::Of(hashId, reinterpret_cast<const uint8_t*>(text.data()), text.size());
+}
+
+}  // namespace markforge

@@ -1,0 +1,74 @@
+// markforge::buildCommand: `markforge build`, a signed container from
+// component files.
+#pragma once
+
+#include <cstdint>
+#include <memory>
+#include <ostream>
+#include <string>
+#include <vector>
+
+#include "componentWord.h"
+#include "outputFile.h"
+#include "pluginHost.h"
+#include "publicKey.h"
+
+namespace markforge {
+
+struct buildOptions {
+    std::string output;
+    std::string key;
+    std::string mode;
+    std::string hash = "sha256";
+    std::string keyDir;
+    std::string plugin;
+    std::string pluginArg;
+    bool pluginArgGiven = false;
+    std::string verifyKey;
+    bool headerOnly = false;
+    bool verbose = false;
+    bool allowEmpty = false;
+    double agentTimeout = 60;
+    std::vector<std::string> components;
+};
+
+class buildCommand {
+public:
+    explicit buildCommand(buildOptions options);
+    ~buildCommand();
+    buildCommand(const buildCommand&) = delete;
+    buildCommand& operator=(const buildCommand&) = delete;
+
+    // Builds, self-verifies and writes the container; the short report goes
+    // to `report`. Throws commandFailure on any failure, with the output
+    // left untouched.
+    void Run(std::ostream& report);
+
+    // The framework number of a --hash word: 3, 5 or 4.
+    static uint32_t HashIdOf(const std::string& word);
+
+private:
+    bool Production() const { return _options.mode == "production"; }
+    void ParseComponents();
+    void CheckUsage() const;
+    void OpenComponents();
+    void PrepareDevelopmentKey();
+    void PrepareVerifyKey();
+    void CheckOutputIsNoInput() const;
+    void CheckComponentsFit() const;
+    void BuildAndCommit(std::ostream& report);
+    void ReportBuildFailure(const class containerBuilder& builder, const class agentTimer& timer,
+                            const std::string& libraryMessages) const;
+    void InstallHeader(const std::string& headerPath);
+
+    buildOptions _options;
+    uint32_t _hashId;
+    std::vector<componentWord> _components;
+    std::vector<int> _componentFds;
+    std::vector<std::string> _keyPaths;  // inputs the output must not replace
+    pluginHost _plugins;
+    publicKey _verifyKey;
+    outputFile _output;
+};
+
+}  // namespace markforge

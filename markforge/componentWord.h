@@ -1,0 +1,24 @@
+// markforge::componentWord: one NAME=FILE word of the build command line.
+#pragma once
+
+#include <string>
+
+namespace markforge {
+
+class componentWord {
+public:
+    // The longest component name the record can carry with the builder's
+    // one-character margin.
+    static constexpr size_t MAX_NAME = 14;
+
+    // Splits `word` at its first '='. False, with a one-line reason, when
+    // there is no '=', the name is empty, longer than MAX_NAME or holds a
+    // character other than printable ASCII without blanks, or the file part
+    // is empty.
+    bool Parse(const std::string& word, std::string& reason);
+
+    std::string name;
+    std::string path;
+};
+
+}  // namespace markforge

@@ -1,0 +1,30 @@
+// The exit statuses of the markforge program, and the failure that carries
+// one out of a command.
+#pragma once
+
+#include <stdexcept>
+#include <string>
+
+namespace markforge {
+
+enum class exitStatus : int {
+    ok = 0,
+    problemsFound = 1,   // verify: at least one verdict is not ok
+    usage = 2,           // the command line is wrong
+    badInput = 3,        // an input is unreadable or malformed
+    fileSystem = 4,      // a file or folder cannot be made, or a plug-in not loaded
+    signingFailed = 5,   // key, signing agent or self-verification
+};
+
+// Thrown by a command to end it: the status and one line saying what failed
+// and what to do.
+class commandFailure : public std::runtime_error {
+public:
+    commandFailure(exitStatus status, const std::string& message) : std::runtime_error(message), _status(status) {}
+    exitStatus Status() const { return _status; }
+
+private:
+    exitStatus _status;
+};
+
+}  // namespace markforge

@@ -1,0 +1,112 @@
+// markforge::keygenCommand: key generation, the key file through lbRsa, the
+// public half as PEM.
+#include "keygenCommand.h"
+
+#include <sys/stat.h>
+#include <unistd.h>
+
+#include <algorithm>
+
+#include "exitStatus.h"
+#include "keyGenerator.h"
+#include "lbRsa.h"
+#include "outputFile.h"
+
+namespace markforge {
+namespace {
+
+[[noreturn]] void Fail(exitStatus status, const std::string& message)
+{
+    throw commandFailure(status, message);
+}
+
+bool Exists(const std::string& path)
+{
+    struct stat info;
+    return lstat(path.c_str(), &info) == 0;
+}
+
+void Wipe(std::string& text)
+{
+    std::fill(text.begin(), text.end(), '\0');
+    text.clear();
+}
+
+void WipeTexts(lockbase::RsaKeyTexts& texts)
+{
+    for (std::string* text : {&texts.n, &texts.e, &texts.p, &texts.q, &texts.d}) Wipe(*text);
+}
+
+bool WriteAll(int fd, const std::string& text)
+{
+    size_t done = 0;
+    while (done < text.size()) {
+        const ssize_t n = write(fd, text.data() + done, text.size() - done);
+        if (n <= 0) return false;
+        done += static_cast<size_t>(n);
+    }
+    return true;
+}
+
+void CloseKey(lbRsa& key)
+{
+    if (!key.IsOpen()) return;
+    key.PreClose();
+    key.Close();
+    key.PostClose();
+}
+
+}  // namespace
+
+void keygenCommand::Run()
+{
+    CheckOutputsAreNew();
+    lockbase::RsaKeyTexts texts;
+    publicKey half;
+    std::string reason;
+    if (!keyGenerator::Generate(_options.bits, texts, half, reason)) Fail(exitStatus::signingFailed, reason);
+
+    lbRsa key;
+    const bool made = key.PreOpen(__FILE__, __LINE__, nullptr) && key.Open() && key.PostOpen(__LINE__) &&
+                      key.MakeKeyFromExps(texts.n, texts.e, texts.p, texts.q, texts.d);
+    WipeTexts(texts);
+    if (!made) CloseKey(key);
+    if (!made) Fail(exitStatus::signingFailed, "the new key could not be taken into a key object");
+
+    outputFile privateFile;
+    if (!privateFile.Create(_options.output, reason)) Fail(exitStatus::fileSystem, reason);
+    WritePrivateKey(key, privateFile);
+
+    outputFile publicFile;
+    if (!_options.publicOut.empty()) {
+        if (!publicFile.Create(_options.publicOut, reason)) Fail(exitStatus::fileSystem, reason);
+        if (!WriteAll(publicFile.Fd(), half.PemText()))
+            Fail(exitStatus::fileSystem, "cannot write " + _options.publicOut);
+    }
+    if (!privateFile.CommitWithoutReplacing(true, reason)) Fail(exitStatus::fileSystem, reason);
+    if (!_options.publicOut.empty() && !publicFile.CommitWithoutReplacing(false, reason)) {
+        // Both or neither: a key without the public half asked for is
+        // half an output.
+        unlink(_options.output.c_str());
+        Fail(exitStatus::fileSystem, reason);
+    }
+}
+
+void keygenCommand::CheckOutputsAreNew() const
+{
+    if (_options.output == _options.publicOut)
+        Fail(exitStatus::usage, "-o and --public-out name the same file");
+    for (const std::string& path : {_options.output, _options.publicOut})
+        if (!path.empty() && Exists(path)) Fail(exitStatus::fileSystem, path + " exists; keygen never overwrites a file");
+}
+
+void keygenCommand::WritePrivateKey(lbRsa& key, outputFile& file) const
+{
+    // lbRsa writes by path; the temporary file is rewritten in place, and
+    // lbRsa keeps a private key's file at mode 0600.
+    const bool written = key.WriteKeyToDisk(file.TempPath());
+    CloseKey(key);
+    if (!written) Fail(exitStatus::fileSystem, "cannot write the key file " + _options.output);
+}
+
+}  // namespace markforge

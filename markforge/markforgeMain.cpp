@@ -1,0 +1,145 @@
+// markforge::Main: CLI11 command line, commands, and how failures are told.
+#include "markforgeMain.h"
+
+#include <CLI/CLI.hpp>
+
+#include <iostream>
+
+#include "buildCommand.h"
+#include "keygenCommand.h"
+#include "lbGlobal.h"
+#include "lbVersions.h"
+#include "markforgeVersion.h"
+#include "outputFile.h"
+
+namespace markforge {
+namespace {
+
+constexpr const char* EXIT_STATUS_TEXT =
+    "Exit status:\n"
+    "  0  success\n"
+    "  1  verify found at least one problem\n"
+    "  2  usage error\n"
+    "  3  an input is unreadable or malformed\n"
+    "  4  file system or plug-in error\n"
+    "  5  signing failed (key, signing agent, self-verification)\n";
+
+void AddBuildCommand(CLI::App& app, buildOptions& options)
+{
+    CLI::App* build = app.add_subcommand("build", "Build and sign a container from component files");
+    build->add_option("-o,--output", options.output, "Container file to write")->required()->type_name("OUT");
+    build->add_option("--key", options.key, "Signing key name")->required()->type_name("NAME");
+    build->add_option("--mode", options.mode, "development: a key file found by a plug-in; production: the signing agent")
+        ->required()
+        ->check(CLI::IsMember({"development", "production"}));
+    build->add_option("--hash", options.hash, "Digest of the components (default sha256)")
+        ->check(CLI::IsMember({"sha256", "sha384", "sha512"}));
+    CLI::Option* keyDir =
+        build->add_option("--key-dir", options.keyDir, "Development keys as DIR/NAME.markforge")->type_name("DIR");
+    CLI::Option* plugin =
+        build->add_option("--plugin", options.plugin, "Key-name plug-in to load")->type_name("FILE.so");
+    CLI::Option* pluginArg =
+        build->add_option("--plugin-arg", options.pluginArg, "Argument handed to the plug-in")->type_name("TEXT");
+    keyDir->excludes(plugin);
+    pluginArg->needs(plugin);
+    build->add_flag("--header-only", options.headerOnly, "Write only the 4096-byte header block");
+    build->add_option("--verify-key", options.verifyKey, "Production: public key to self-verify the signatures with")
+        ->type_name("PUBKEY");
+    build->add_option("--agent-timeout", options.agentTimeout, "Production: seconds to wait for each agent answer")
+        ->type_name("SECONDS");
+    build->add_flag("--allow-empty", options.allowEmpty, "Allow a container without components");
+    build->add_flag("--verbose", options.verbose, "Show the library's signing traces on standard error");
+    build->add_option("components", options.components, "Components, in payload order")->type_name("NAME=FILE");
+    build->footer(EXIT_STATUS_TEXT);
+    build->callback([&options, pluginArg] { options.pluginArgGiven = pluginArg->count() > 0; });
+}
+
+void AddKeygenCommand(CLI::App& app, keygenOptions& options)
+{
+    CLI::App* keygen = app.add_subcommand("keygen", "Make a development RSA key pair");
+    keygen->add_option("--bits", options.bits, "Key size")->required()->check(CLI::IsMember({2048, 3072, 4096}));
+    keygen->add_option("-o,--output", options.output, "Private key file to write (markforge key file)")
+        ->required()
+        ->type_name("FILE.markforge");
+    keygen->add_option("--public-out", options.publicOut, "Public key file to write (PEM)")->type_name("FILE.pem");
+    keygen->footer(EXIT_STATUS_TEXT);
+}
+
+// CLI11's help goes to standard output with status 0; any other complaint
+// goes to standard error as a usage error.
+exitStatus ReportParseError(CLI::App& app, const CLI::ParseError& error)
+{
+    if (error.get_exit_code() == 0) {
+        app.exit(error, std::cout, std::cerr);
+        return exitStatus::ok;
+    }
+    std::cerr << "markforge: " << error.what() << "\n";
+    std::cerr << "Run 'markforge --help' or 'markforge SUBCOMMAND --help' for the options.\n";
+    return exitStatus::usage;
+}
+
+}  // namespace
+
+Main::Main()
+{
+    LB_CONSTRUCTOR();
+    lbGlobal.versions->Register("libmarkforge", markforge::VERSION);
+}
+
+bool Main::OpenCrypto()
+{
+    return _api.PreOpen(__FILE__, __LINE__, this) && _api.Open("openssl") && _api.PostOpen(__LINE__);
+}
+
+void Main::CloseCrypto()
+{
+    if (!_api.IsOpen()) return;
+    _api.PreClose();
+    _api.Close();
+    _api.PostClose();
+}
+
+bool Main::Run(int argc, char** argv)
+{
+    CLI::App app("Builds, signs and checks signed firmware containers.", "markforge");
+    app.footer(EXIT_STATUS_TEXT);
+    app.require_subcommand(0, 1);
+    bool version = false;
+    app.add_flag("-V,--version", version, "Show the versions of markforge and its libraries");
+    buildOptions build;
+    keygenOptions keygen;
+    AddBuildCommand(app, build);
+    AddKeygenCommand(app, keygen);
+
+    try {
+        app.parse(argc, argv);
+    } catch (const CLI::ParseError& error) {
+        _status = ReportParseError(app, error);
+        return _status == exitStatus::ok;
+    }
+    if (version) {
+        lbGlobal.versions->Display(std::cout);
+        return true;
+    }
+    if (app.get_subcommands().empty()) {
+        std::cerr << app.help();
+        _status = exitStatus::usage;
+        return false;
+    }
+
+    outputFile::RemoveTemporariesOnSignals();
+    try {
+        if (!OpenCrypto()) throw commandFailure(exitStatus::signingFailed, "OpenSSL's default provider cannot be loaded");
+        if (app.got_subcommand("build")) buildCommand(build).Run(std::cout);
+        if (app.got_subcommand("keygen")) keygenCommand(keygen).Run();
+        CloseCrypto();
+    } catch (const commandFailure& failure) {
+        CloseCrypto();
+        std::cerr << "markforge: " << failure.what() << "\n";
+        _status = failure.Status();
+    }
+    std::cout.flush();
+    return _status == exitStatus::ok;
+}
+
+}  // namespace markforge

@@ -1,0 +1,105 @@
+// markforge::payloadCopier: read, hash, write.
+#include "payloadCopier.h"
+
+#include <unistd.h>
+
+#include <cerrno>
+#include <cstring>
+#include <memory>
+
+#include "agentTimer.h"
+#include "digestStream.h"
+
+namespace markforge {
+namespace {
+
+// Large reads keep system calls few; the buffer is allocated once.
+constexpr size_t CHUNK = 1 << 20;
+
+bool WriteAll(int fd, const uint8_t* data, size_t length, uint64_t at)
+{
+    while (length > 0) {
+        const ssize_t n = pwrite(fd, data, length, static_cast<off_t>(at));
+        if (n < 0 && errno == EINTR) continue;
+        if (n <= 0) return false;
+        data += n;
+        length -= static_cast<size_t>(n);
+        at += static_cast<uint64_t>(n);
+    }
+    return true;
+}
+
+}  // namespace
+
+payloadCopier::payloadCopier(uint32_t hashId, int output, uint64_t base)
+    : _hashId(hashId), _output(output), _base(base)
+{
+}
+
+payloadCopier::~payloadCopier()
+{
+    if (_thread.joinable()) _thread.join();
+}
+
+void payloadCopier::Start(std::vector<int> inputs, std::vector<std::string> names)
+{
+    _inputs = std::move(inputs);
+    _names = std::move(names);
+    _thread = std::thread([this] {
+        // The alarm that bounds the wait for the signing agent belongs to
+        // the thread that waits.
+        agentTimer::BlockInThisThread();
+        CopyAll();
+    });
+}
+
+bool payloadCopier::Finish(std::string& reason)
+{
+    if (_thread.joinable()) _thread.join();
+    reason = _error;
+    return _error.empty();
+}
+
+void payloadCopier::CopyAll()
+{
+    try {
+        _buffer.resize(CHUNK);
+        std::unique_ptr<digestStream> archive;
+        if (_inputs.size() != 1) archive = std::make_unique<digestStream>(_hashId);
+        uint64_t at = 0;
+        for (size_t i = 0; i < _inputs.size(); ++i)
+            if (!CopyOne(i, at, archive.get())) return;
+        if (archive) _archiveDigest = archive->Final();
+    } catch (const std::exception& e) {
+        _error = e.what();
+    }
+}
+
+bool payloadCopier::CopyOne(size_t index, uint64_t& at, digestStream* archive)
+{
+    digestStream component(_hashId);
+    uint64_t copied = 0;
+    for (;;) {
+        const ssize_t n = pread(_inputs[index], _buffer.data(), _buffer.size(), static_cast<off_t>(copied));
+        if (n < 0 && errno == EINTR) continue;
+        if (n < 0) {
+            _error = "cannot read component " + _names[index] + ": " + std::strerror(errno);
+            return false;
+        }
+        if (n == 0) break;
+        const size_t length = static_cast<size_t>(n);
+        component.Update(_buffer.data(), length);
+        if (archive) archive->Update(_buffer.data(), length);
+        if (_output >= 0 && !WriteAll(_output, _buffer.data(), length, _base + at + copied)) {
+            _error = std::string("cannot write the payload: ") + std::strerror(errno);
+            return false;
+        }
+        copied += length;
+    }
+    _componentDigests.push_back(component.Final());
+    _sizes.push_back(copied);
+    at += copied;
+    return true;
+}
+
+}  // namespace markforge
