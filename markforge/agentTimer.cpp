@@ -1,79 +1,93 @@
-// markforge::agentTimer: SIGALRM through setitimer.
+// markforge::agentTimer: a watching thread that shuts the agent's
+// connection down at the deadline.
 #include "agentTimer.h"
 
-#include <pthread.h>
-#include <sys/time.h>
+#include <arpa/inet.h>
+#include <netinet/in.h>
+#include <sys/socket.h>
+#include <sys/stat.h>
 
-#include <cmath>
+#include "sign.h"
 
 namespace markforge {
 namespace {
 
-volatile sig_atomic_t g_expired = 0;
+// Descriptors are small numbers in this program; the agent's socket is
+// among the first.
+constexpr int HIGHEST_FD = 1024;
+constexpr auto REPEAT = std::chrono::milliseconds(100);
 
-void OnAlarm(int)
+bool IsAgentConnection(int fd)
 {
-    g_expired = 1;
+    struct stat info;
+    if (fstat(fd, &info) != 0 || !S_ISSOCK(info.st_mode)) return false;
+    sockaddr_in peer{};
+    socklen_t length = sizeof peer;
+    if (getpeername(fd, reinterpret_cast<sockaddr*>(&peer), &length) != 0 || peer.sin_family != AF_INET) return false;
+    return peer.sin_addr.s_addr == htonl(INADDR_LOOPBACK) && peer.sin_port == htons(SIGN_AGENT_PORT);
 }
 
-timeval ToTimeval(double seconds)
+// The signer then reads end-of-file and gives up on this exchange.
+void ShutDownAgentConnections()
 {
-    timeval value;
-    value.tv_sec = static_cast<time_t>(seconds);
-    value.tv_usec = static_cast<suseconds_t>(std::lround((seconds - std::floor(seconds)) * 1e6));
-    if (value.tv_usec >= 1000000) {
-        value.tv_sec += 1;
-        value.tv_usec -= 1000000;
-    }
-    return value;
+    for (int fd = 3; fd < HIGHEST_FD; ++fd)
+        if (IsAgentConnection(fd)) shutdown(fd, SHUT_RDWR);
 }
-
-constexpr double REPEAT_SECONDS = 0.1;
 
 }  // namespace
 
-agentTimer::agentTimer(double seconds) : _seconds(seconds)
-{
-    g_expired = 0;
-    struct sigaction action = {};
-    action.sa_handler = OnAlarm;
-    sigemptyset(&action.sa_mask);
-    action.sa_flags = 0;  // no SA_RESTART: the blocked call must give up
-    sigaction(SIGALRM, &action, &_previous);
-}
+agentTimer::agentTimer(double seconds) : _seconds(seconds), _thread([this] { Watch(); }) {}
 
 agentTimer::~agentTimer()
 {
-    Disarm();
-    sigaction(SIGALRM, &_previous, nullptr);
+    {
+        std::lock_guard<std::mutex> lock(_mutex);
+        _stopping = true;
+    }
+    _changed.notify_all();
+    _thread.join();
 }
 
 void agentTimer::Arm()
 {
-    itimerval timer;
-    timer.it_value = ToTimeval(_seconds);
-    timer.it_interval = ToTimeval(REPEAT_SECONDS);
-    if (timer.it_value.tv_sec == 0 && timer.it_value.tv_usec == 0) timer.it_value.tv_usec = 1;
-    setitimer(ITIMER_REAL, &timer, nullptr);
+    {
+        std::lock_guard<std::mutex> lock(_mutex);
+        _armed = true;
+        _deadline = std::chrono::steady_clock::now() +
+                    std::chrono::duration_cast<std::chrono::steady_clock::duration>(std::chrono::duration<double>(_seconds));
+    }
+    _changed.notify_all();
 }
 
 void agentTimer::Disarm()
 {
-    itimerval off = {};
-    setitimer(ITIMER_REAL, &off, nullptr);
+    {
+        std::lock_guard<std::mutex> lock(_mutex);
+        _armed = false;
+    }
+    _changed.notify_all();
 }
 
 bool agentTimer::Expired() const
 {
-    return g_expired != 0;
+    std::lock_guard<std::mutex> lock(_mutex);
+    return _expired;
 }
 
-void agentTimer::BlockInThisThread()
+void agentTimer::Watch()
 {
-    sigset_t alarm;
-    sigemptyset(&alarm);
-    sigaddset(&alarm, SIGALRM);
-    pthread_sigmask(SIG_BLOCK, &alarm, nullptr);
+    std::unique_lock<std::mutex> lock(_mutex);
+    while (!_stopping) {
+        if (!_armed) {
+            _changed.wait(lock);
+            continue;
+        }
+        if (_changed.wait_until(lock, _deadline) == std::cv_status::no_timeout) continue;
+        if (!_armed || _stopping) continue;
+        _expired = true;
+        _deadline = std::chrono::steady_clock::now() + REPEAT;
+        ShutDownAgentConnections();
+    }
 }
 
 }  // namespace markforge

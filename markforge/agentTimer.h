@@ -2,36 +2,43 @@
 // agent, whose client calls block without a time-out of their own.
 #pragma once
 
-#include <signal.h>
+#include <chrono>
+#include <condition_variable>
+#include <mutex>
+#include <thread>
 
 namespace markforge {
 
 class agentTimer {
 public:
-    // Installs the alarm handler; nothing is armed yet.
+    // Starts the watching thread; nothing is armed yet.
     explicit agentTimer(double seconds);
-    // Disarms and puts the previous handler back.
+    // Stops the watching thread.
     ~agentTimer();
     agentTimer(const agentTimer&) = delete;
     agentTimer& operator=(const agentTimer&) = delete;
 
     // Starts the bound for one exchange with the agent. When it runs out,
-    // the blocked socket call returns with EINTR (the handler is installed
-    // without SA_RESTART), and keeps doing so every tenth of a second until
-    // Disarm, so that a later call of the same exchange cannot block either.
+    // the program's connections to the agent are shut down, so that the
+    // blocked read returns as if the agent had hung up; that is repeated
+    // until Disarm, so no later call of the exchange can block either.
     void Arm();
     void Disarm();
     // True once the bound ran out since construction.
     bool Expired() const;
     double Seconds() const { return _seconds; }
 
-    // Threads other than the waiting one must not take the alarm: call this
-    // on each of them.
-    static void BlockInThisThread();
-
 private:
-    double _seconds;
-    struct sigaction _previous;
+    void Watch();
+
+    const double _seconds;
+    mutable std::mutex _mutex;
+    std::condition_variable _changed;
+    bool _armed = false;
+    bool _expired = false;
+    bool _stopping = false;
+    std::chrono::steady_clock::time_point _deadline;
+    std::thread _thread;
 };
 
 }  // namespace markforge

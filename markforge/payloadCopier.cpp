@@ -7,7 +7,6 @@
 #include <cstring>
 #include <memory>
 
-#include "agentTimer.h"
 #include "digestStream.h"
 
 namespace markforge {
@@ -45,12 +44,7 @@ void payloadCopier::Start(std::vector<int> inputs, std::vector<std::string> name
 {
     _inputs = std::move(inputs);
     _names = std::move(names);
-    _thread = std::thread([this] {
-        // The alarm that bounds the wait for the signing agent belongs to
-        // the thread that waits.
-        agentTimer::BlockInThisThread();
-        CopyAll();
-    });
+    _thread = std::thread([this] { CopyAll(); });
 }
 
 bool payloadCopier::Finish(std::string& reason)

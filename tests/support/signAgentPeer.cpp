@@ -158,6 +158,19 @@ void SignAgentPeer::ResetWithoutReading()
     _mode = Mode::Reset;
 }
 
+void SignAgentPeer::AnswerBy(std::function<std::vector<uint8_t>(const std::vector<uint8_t>&)> answer)
+{
+    std::lock_guard<std::mutex> lock(_mutex);
+    _mode = Mode::Compute;
+    _compute = std::move(answer);
+}
+
+void SignAgentPeer::NeverAnswer()
+{
+    std::lock_guard<std::mutex> lock(_mutex);
+    _mode = Mode::Silent;
+}
+
 std::vector<std::vector<uint8_t>> SignAgentPeer::Requests() const
 {
     std::lock_guard<std::mutex> lock(_mutex);
@@ -178,10 +191,12 @@ void SignAgentPeer::Handle(int connection)
 {
     Mode mode;
     std::vector<uint8_t> answer;
+    std::function<std::vector<uint8_t>(const std::vector<uint8_t>&)> compute;
     {
         std::lock_guard<std::mutex> lock(_mutex);
         mode = _mode;
         answer = _answer;
+        compute = _compute;
     }
     if (mode == Mode::Reset) {
         // Unread data plus a zero linger time makes close() send a reset.
@@ -194,9 +209,20 @@ void SignAgentPeer::Handle(int connection)
     std::vector<uint8_t> request = ReadRequest(connection);
     {
         std::lock_guard<std::mutex> lock(_mutex);
-        _requests.push_back(std::move(request));
+        _requests.push_back(request);
     }
-    SendAll(connection, answer);
+    if (mode == Mode::Silent) {
+        // Holds the client until the peer stops; the client must give up
+        // on its own.
+        uint8_t scratch[256];
+        while (!_stopping) {
+            if (!WaitReadable(connection, ACCEPT_POLL_MS)) continue;
+            if (::recv(connection, scratch, sizeof scratch, 0) <= 0) break;
+        }
+        ::close(connection);
+        return;
+    }
+    SendAll(connection, mode == Mode::Compute ? compute(request) : answer);
     ::close(connection);
 }
 

@@ -10,6 +10,7 @@
 
 #include <atomic>
 #include <cstdint>
+#include <functional>
 #include <mutex>
 #include <string>
 #include <thread>
@@ -44,12 +45,17 @@ public:
     // waits for the request, then drops the connection with a reset without
     // reading it.
     void ResetWithoutReading();
+    // reads the request, sends what `answer` makes of it, closes.
+    void AnswerBy(std::function<std::vector<uint8_t>(const std::vector<uint8_t>&)> answer);
+    // reads the request and keeps the connection open without a byte of
+    // answer until the peer stops.
+    void NeverAnswer();
 
     // The exact bytes received on each connection so far, in order.
     std::vector<std::vector<uint8_t>> Requests() const;
 
 private:
-    enum class Mode { Answer, Reset };
+    enum class Mode { Answer, Reset, Compute, Silent };
 
     void Serve();
     void Handle(int connection);
@@ -62,6 +68,7 @@ private:
     mutable std::mutex _mutex;
     Mode _mode;
     std::vector<uint8_t> _answer;
+    std::function<std::vector<uint8_t>(const std::vector<uint8_t>&)> _compute;
     std::vector<std::vector<uint8_t>> _requests;
 };
 

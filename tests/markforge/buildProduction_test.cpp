@@ -1,0 +1,186 @@
+// `markforge build --mode production` against a stand-in signing agent on
+// 127.0.0.1:8001: good answers give a verified container; every bad answer,
+// a hang-up or silence ends with status 5 and the output untouched.
+#include <gtest/gtest.h>
+
+#include <string>
+#include <vector>
+
+#include "containerFixture.h"
+#include "signAgentPeer.h"
+
+namespace {
+
+using testsupport::ContainerTest;
+using testsupport::ParseContainer;
+using testsupport::ProcessResult;
+using testsupport::ReadFile;
+
+class BuildProductionTest : public ContainerTest {
+protected:
+    void SetUp() override
+    {
+        // The suite's key as PEM, for openssl to sign the agent's answers.
+        privatePem = dir.file("dev-private.pem");
+        const ProcessResult converted = testsupport::RunRecaster(
+            {"--convertkey", "-i", privateKey(), "-o", privatePem, "-I", "markforge", "-O", "pem"});
+        ASSERT_EQ(converted.status, 0) << converted.err;
+        out = dir.file("out.img");
+        testsupport::WriteFile(out, "the previous container");
+        components = {"boot=" + MakeComponent("boot.bin", 1000, 1), "app=" + MakeComponent("app.bin", 3000, 2)};
+    }
+    void TearDown() override { peer.Stop(); }
+
+    void StartPeer()
+    {
+        std::string error;
+        ASSERT_TRUE(peer.Start(error)) << error;
+    }
+
+    // A real signature by the suite's key over the request's digest.
+    std::vector<uint8_t> SignRequest(const std::vector<uint8_t>& request, size_t digestLength,
+                                     const std::string& digestName)
+    {
+        if (request.size() < 32 + digestLength) return {};
+        const std::string digest = dir.file("request-digest.bin");
+        const std::string signature = dir.file("answer.bin");
+        testsupport::WriteFile(digest, std::string(request.begin() + 32, request.begin() + 32 + digestLength));
+        const ProcessResult signedIt = testsupport::Run({"openssl", "pkeyutl", "-sign", "-inkey", privatePem,
+                                                         "-pkeyopt", "digest:" + digestName, "-in", digest, "-out",
+                                                         signature});
+        return signedIt.status == 0 ? testsupport::ReadBytes(signature) : std::vector<uint8_t>{};
+    }
+
+    ProcessResult BuildProduction(const std::vector<std::string>& extra)
+    {
+        std::vector<std::string> args{"build", "-o", out, "--key", "release", "--mode", "production"};
+        args.insert(args.end(), extra.begin(), extra.end());
+        args.insert(args.end(), components.begin(), components.end());
+        return testsupport::RunMarkforge(args);
+    }
+
+    void ExpectOutputUntouched() { EXPECT_EQ(ReadFile(out), "the previous container"); }
+
+    testsupport::SignAgentPeer peer;
+    std::string privatePem;
+    std::string out;
+    std::vector<std::string> components;
+};
+
+TEST_F(BuildProductionTest, GoodAnswersGiveAVerifiedContainer)
+{
+    for (const auto& [hash, length] : std::vector<std::pair<std::string, size_t>>{{"sha256", 32}, {"sha512", 64}}) {
+        SCOPED_TRACE(hash);
+        peer.AnswerBy([this, hash = hash, length = length](const std::vector<uint8_t>& request) {
+            return SignRequest(request, length, hash);
+        });
+        StartPeer();
+        const ProcessResult built = BuildProduction({"--hash", hash, "--verify-key", publicPem()});
+        peer.Stop();
+        ASSERT_EQ(built.status, 0) << built.err;
+        EXPECT_EQ(built.err, "");
+        const auto header = ParseContainer(ReadFile(out));
+        ASSERT_EQ(header.records.size(), 2u);
+        std::string detail;
+        const std::string payload = ReadFile(out).substr(4096);
+        EXPECT_TRUE(OpensslVerifiesContent(publicPem(), hash, payload.substr(0, 1000), header.records[0].signature,
+                                           detail))
+            << detail;
+        EXPECT_TRUE(OpensslVerifiesContent(publicPem(), hash, payload, header.signature, detail)) << detail;
+    }
+    // Two components and the archive: three requests, named by their F field.
+    const auto requests = peer.Requests();
+    ASSERT_EQ(requests.size(), 6u);
+    const std::string args(requests[5].begin() + 96, requests[5].end());
+    EXPECT_EQ(args.substr(0, args.find('\0')), "F=archive;S=64;");
+}
+
+TEST_F(BuildProductionTest, WithoutVerifyKeyItSaysOnceThatTheOutputIsUnverified)
+{
+    peer.AnswerBy([this](const std::vector<uint8_t>& request) { return SignRequest(request, 32, "sha256"); });
+    StartPeer();
+    const ProcessResult built = BuildProduction({});
+    ASSERT_EQ(built.status, 0) << built.err;
+    EXPECT_EQ(built.err,
+              "markforge: the output was not self-verified: give --verify-key PUBKEY to check the signing agent's "
+              "signatures\n");
+    EXPECT_EQ(built.out.substr(built.out.rfind("wrote")), "wrote " + out + "\n");
+}
+
+TEST_F(BuildProductionTest, VerboseShowsTheAgentTracesOnStandardErrorOnly)
+{
+    peer.AnswerBy([this](const std::vector<uint8_t>& request) { return SignRequest(request, 32, "sha256"); });
+    StartPeer();
+    const ProcessResult built = BuildProduction({"--verify-key", publicPem(), "--verbose"});
+    ASSERT_EQ(built.status, 0) << built.err;
+    EXPECT_NE(built.err.find("CCA sign: key:release data:"), std::string::npos) << built.err;
+    EXPECT_NE(built.err.find("CCA args: F=boot;S=32;"), std::string::npos) << built.err;
+    EXPECT_EQ(built.out.find("CCA"), std::string::npos) << built.out;
+}
+
+TEST_F(BuildProductionTest, AWrongSignatureIsNeverWritten)
+{
+    // A real signature by the right key, but over another digest.
+    peer.AnswerBy([this](std::vector<uint8_t> request) {
+        if (request.size() > 40) request[40] ^= 0xFF;
+        return SignRequest(request, 32, "sha256");
+    });
+    StartPeer();
+    const ProcessResult built = BuildProduction({"--verify-key", publicPem()});
+    EXPECT_EQ(built.status, 5);
+    EXPECT_NE(built.err.find("markforge: the signature of component boot does not verify under the --verify-key key; "
+                             "nothing was written"),
+              std::string::npos)
+        << built.err;
+    ExpectOutputUntouched();
+}
+
+TEST_F(BuildProductionTest, AnEmptyAnswerFails)
+{
+    peer.CloseWithoutAnswer();
+    StartPeer();
+    const ProcessResult built = BuildProduction({"--verify-key", publicPem()});
+    EXPECT_EQ(built.status, 5);
+    EXPECT_NE(built.err.find("markforge: signing the component boot through the signing agent at 127.0.0.1:8001 "
+                             "failed"),
+              std::string::npos)
+        << built.err;
+    EXPECT_NE(built.err.find("Got blank string from sign_agent"), std::string::npos) << built.err;
+    ExpectOutputUntouched();
+}
+
+TEST_F(BuildProductionTest, AHangUpFails)
+{
+    peer.ResetWithoutReading();
+    StartPeer();
+    const ProcessResult built = BuildProduction({"--verify-key", publicPem()});
+    EXPECT_EQ(built.status, 5);
+    EXPECT_NE(built.err.find("through the signing agent at 127.0.0.1:8001 failed"), std::string::npos) << built.err;
+    ExpectOutputUntouched();
+}
+
+TEST_F(BuildProductionTest, AnAgentThatNeverAnswersIsGivenUpAfterTheTimeout)
+{
+    peer.NeverAnswer();
+    StartPeer();
+    const ProcessResult built = BuildProduction({"--verify-key", publicPem(), "--agent-timeout", "0.5"});
+    EXPECT_EQ(built.status, 5);
+    EXPECT_NE(built.err.find("markforge: the signing agent at 127.0.0.1:8001 did not answer within 0.5 s "
+                             "(--agent-timeout) while signing the component boot"),
+              std::string::npos)
+        << built.err;
+    EXPECT_FALSE(built.signaled);
+    ExpectOutputUntouched();
+}
+
+TEST_F(BuildProductionTest, NoAgentListening)
+{
+    std::string error;
+    ASSERT_TRUE(peer.ReservePort(error)) << error;
+    const ProcessResult built = BuildProduction({});
+    EXPECT_EQ(built.status, 5);
+    EXPECT_NE(built.err.find("Unable to connect to sign_agent"), std::string::npos) << built.err;
+    ExpectOutputUntouched();
+}
+
+}  // namespace

@@ -1,0 +1,179 @@
+// `markforge build` end to end in development mode: containers of 0 to 3
+// components with each hash, checked byte for byte and with openssl alone.
+#include <gtest/gtest.h>
+
+#include <sys/stat.h>
+
+#include <string>
+#include <vector>
+
+#include "containerFixture.h"
+
+namespace {
+
+using testsupport::ContainerHeader;
+using testsupport::ContainerTest;
+using testsupport::ParseContainer;
+using testsupport::ProcessResult;
+using testsupport::ReadFile;
+
+struct Shape {
+    const char* hash;
+    uint32_t digestLength;
+    size_t components;
+};
+
+// Short test names in ctest's listing.
+void PrintTo(const Shape& shape, std::ostream* out)
+{
+    *out << shape.hash << " with " << shape.components << " components";
+}
+
+class BuildShapes : public ContainerTest, public ::testing::WithParamInterface<Shape> {};
+
+TEST_P(BuildShapes, BuildsAContainerThatOpensslVerifies)
+{
+    const Shape shape = GetParam();
+    const std::vector<size_t> sizes = {100, 5000, 0, 4096};
+    const std::vector<std::string> names = {"kernel", "rootfs.ext4", "empty", "dtb"};
+    std::vector<std::string> words;
+    std::string payload;
+    for (size_t i = 0; i < shape.components; ++i) {
+        const std::string path = MakeComponent(names[i] + ".bin", sizes[i], static_cast<unsigned>(i + 1));
+        words.push_back(names[i] + "=" + path);
+        payload += ReadFile(path);
+    }
+    const std::string out = dir.file("out.img");
+    std::vector<std::string> extra{"--hash", shape.hash};
+    if (shape.components == 0) extra.push_back("--allow-empty");
+    const ProcessResult built = BuildDevelopment(out, words, extra);
+    ASSERT_EQ(built.status, 0) << built.err;
+    EXPECT_EQ(built.err, "");
+
+    const std::string bytes = ReadFile(out);
+    ASSERT_EQ(bytes.size(), 4096 + payload.size());
+    EXPECT_EQ(bytes.substr(4096), payload);
+    const ContainerHeader header = ParseContainer(bytes);
+    ASSERT_TRUE(header.valid);
+    EXPECT_EQ(header.version, 4u);
+    EXPECT_EQ(header.digestLength, shape.digestLength);
+    EXPECT_EQ(header.signature.size(), 256u);
+    ASSERT_EQ(header.records.size(), shape.components);
+
+    std::string report;
+    uint32_t offset = 0;
+    std::string detail;
+    for (size_t i = 0; i < shape.components; ++i) {
+        const auto& record = header.records[i];
+        EXPECT_EQ(record.name, names[i]);
+        EXPECT_EQ(record.offset, offset);
+        EXPECT_EQ(record.size, sizes[i]);
+        EXPECT_TRUE(OpensslVerifiesContent(publicPem(), shape.hash, payload.substr(offset, record.size),
+                                           record.signature, detail))
+            << names[i] << ": " << detail;
+        report += "component " + names[i] + " offset " + std::to_string(offset) + " size " +
+                  std::to_string(sizes[i]) + " signature 256\n";
+        offset += record.size;
+    }
+    EXPECT_EQ(built.out, report + "wrote " + out + "\n");
+
+    // The archive: one component lends its own signature; otherwise the
+    // signature covers every component's bytes in order.
+    if (shape.components == 1) {
+        EXPECT_EQ(header.signature, header.records[0].signature);
+    }
+    EXPECT_TRUE(OpensslVerifiesContent(publicPem(), shape.hash, payload, header.signature, detail)) << detail;
+}
+
+INSTANTIATE_TEST_SUITE_P(EveryHashAndCount, BuildShapes,
+                         ::testing::Values(Shape{"sha256", 32, 0}, Shape{"sha256", 32, 1}, Shape{"sha256", 32, 2},
+                                           Shape{"sha256", 32, 3}, Shape{"sha384", 48, 0}, Shape{"sha384", 48, 1},
+                                           Shape{"sha384", 48, 2}, Shape{"sha384", 48, 3}, Shape{"sha512", 64, 0},
+                                           Shape{"sha512", 64, 1}, Shape{"sha512", 64, 2}, Shape{"sha512", 64, 3}),
+                         [](const ::testing::TestParamInfo<Shape>& info) {
+                             return std::string(info.param.hash) + "_" + std::to_string(info.param.components);
+                         });
+
+class BuildTest : public ContainerTest {};
+
+TEST_F(BuildTest, DefaultHashIsSha256)
+{
+    const std::string out = dir.file("out.img");
+    const ProcessResult built = BuildDevelopment(out, {"a=" + MakeComponent("a.bin", 10, 1)});
+    ASSERT_EQ(built.status, 0) << built.err;
+    EXPECT_EQ(ParseContainer(ReadFile(out)).digestLength, 32u);
+}
+
+TEST_F(BuildTest, RecasterTakesTheArchiveSignatureOutOfTheHeaderBlock)
+{
+    const std::string out = dir.file("out.img");
+    ASSERT_EQ(BuildDevelopment(out, {"a=" + MakeComponent("a.bin", 300, 1), "b=" + MakeComponent("b.bin", 7, 2)})
+                  .status,
+              0);
+    const std::string raw = dir.file("archive.sig");
+    const ProcessResult converted =
+        testsupport::RunRecaster({"--convertsig", "-i", out, "-o", raw, "-I", "markforge", "-O", "raw"});
+    ASSERT_EQ(converted.status, 0) << converted.err;
+    EXPECT_EQ(ReadFile(raw), ParseContainer(ReadFile(out)).signature);
+}
+
+TEST_F(BuildTest, HeaderOnlyWritesTheBlockAlone)
+{
+    const std::vector<std::string> words = {"a=" + MakeComponent("a.bin", 3000, 1), "b=" + MakeComponent("b.bin", 9, 2)};
+    const std::string full = dir.file("full.img");
+    const std::string block = dir.file("block.img");
+    ASSERT_EQ(BuildDevelopment(full, words).status, 0);
+    const ProcessResult built = BuildDevelopment(block, words, {"--header-only"});
+    ASSERT_EQ(built.status, 0) << built.err;
+    const std::string bytes = ReadFile(block);
+    ASSERT_EQ(bytes.size(), 4096u);
+    // Signatures are deterministic (PKCS#1 v1.5), so the blocks match.
+    EXPECT_EQ(bytes, ReadFile(full).substr(0, 4096));
+    const std::string raw = dir.file("sig.raw");
+    EXPECT_EQ(testsupport::RunRecaster({"--convertsig", "-i", block, "-o", raw, "-I", "markforge", "-O", "raw"}).status,
+              0);
+}
+
+TEST_F(BuildTest, ReplacesAnExistingOutputWithTheUmaskMode)
+{
+    const std::string out = dir.file("out.img");
+    testsupport::WriteFile(out, "old contents");
+    chmod(out.c_str(), 0600);
+    ASSERT_EQ(BuildDevelopment(out, {"a=" + MakeComponent("a.bin", 10, 1)}).status, 0);
+    EXPECT_EQ(ReadFile(out).size(), 4096u + 10u);
+    struct stat info;
+    ASSERT_EQ(stat(out.c_str(), &info), 0);
+    const mode_t mask = umask(0);
+    umask(mask);
+    EXPECT_EQ(info.st_mode & 0777, 0666 & ~mask);
+}
+
+TEST_F(BuildTest, LeavesNoTemporaryFileBehind)
+{
+    const std::string out = dir.file("out.img");
+    ASSERT_EQ(BuildDevelopment(out, {"a=" + MakeComponent("a.bin", 10, 1)}).status, 0);
+    const auto files = testsupport::FolderSnapshot(dir.path());
+    ASSERT_EQ(files.size(), 2u);
+    EXPECT_EQ(files[0].first, "a.bin");
+    EXPECT_EQ(files[1].first, "out.img");
+}
+
+TEST_F(BuildTest, SevenComponentsFitAndEightDoNot)
+{
+    std::vector<std::string> words;
+    for (int i = 0; i < 8; ++i)
+        words.push_back("c" + std::to_string(i) + "=" + MakeComponent("c" + std::to_string(i), 5, unsigned(i)));
+    const std::string out = dir.file("out.img");
+    const ProcessResult eight = BuildDevelopment(out, words);
+    EXPECT_EQ(eight.status, 2);
+    EXPECT_NE(eight.err.find("8 components do not fit in the header block with a 256-byte signature (at most 7)"),
+              std::string::npos)
+        << eight.err;
+    EXPECT_FALSE(testsupport::FileExists(out));
+    words.pop_back();
+    const ProcessResult seven = BuildDevelopment(out, words);
+    ASSERT_EQ(seven.status, 0) << seven.err;
+    EXPECT_EQ(ParseContainer(ReadFile(out)).records.size(), 7u);
+}
+
+}  // namespace
