@@ -83,6 +83,26 @@ TEST_P(BuildShapes, BuildsAContainerThatOpensslVerifies)
         EXPECT_EQ(header.signature, header.records[0].signature);
     }
     EXPECT_TRUE(OpensslVerifiesContent(publicPem(), shape.hash, payload, header.signature, detail)) << detail;
+
+    // The documented check, openssl alone, agrees.
+    const ProcessResult checked = testsupport::Run({"sh", OPENSSL_CHECK_SCRIPT, out, publicPem()});
+    EXPECT_EQ(checked.status, 0) << checked.out << checked.err;
+    std::string lines;
+    for (size_t i = 0; i < shape.components; ++i) lines += "component " + names[i] + ": ok\n";
+    EXPECT_EQ(checked.out, lines + "archive: ok\n");
+}
+
+TEST_F(ContainerTest, TheDocumentedOpensslCheckFindsAChangedByte)
+{
+    const std::string out = dir.file("out.img");
+    ASSERT_EQ(BuildDevelopment(out, {"a=" + MakeComponent("a.bin", 50, 1), "b=" + MakeComponent("b.bin", 50, 2)}).status,
+              0);
+    std::string bytes = ReadFile(out);
+    bytes[4096 + 60] ^= 1;
+    testsupport::WriteFile(out, bytes);
+    const ProcessResult checked = testsupport::Run({"sh", OPENSSL_CHECK_SCRIPT, out, publicPem()});
+    EXPECT_EQ(checked.status, 1);
+    EXPECT_EQ(checked.out, "component a: ok\ncomponent b: FAILED\narchive: FAILED\n");
 }
 
 INSTANTIATE_TEST_SUITE_P(EveryHashAndCount, BuildShapes,
