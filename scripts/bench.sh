@@ -4,13 +4,15 @@
 #   2. whole-process time of each recaster key conversion against the nearest
 #      openssl command (hyperfine)
 #   3. peak resident memory of hashing a 64 MiB and a 1 GiB file (GNU time)
+#   4. `markforge build` of one 1 GiB component against one `openssl dgst`
+#      pass over the same file, and its peak memory
 # Not part of the test suite: timings depend on the machine and its load.
 #
 # Environment: MARKFORGE_SKIP_SETUP=1 skips scripts/setup.sh; BENCH_DIR picks
 # the folder for the test files (default: a new folder under /tmp, removed
 # at the end); BENCH_BIG_MIB sets the big file's size (default 1024);
 # BENCH_CONVERT_ROUNDS the rounds per conversion (default 25); BENCH_ONLY
-# one part: hashing, conversions or memory.
+# one part: hashing, conversions, memory or build.
 set -euo pipefail
 source "$(dirname "${BASH_SOURCE[0]}")/lib.sh"
 
@@ -25,8 +27,9 @@ fi
 banner "bench: Release build"
 cmake -S "$MARKFORGE_ROOT" -B "$BUILD" -G Ninja -DCMAKE_BUILD_TYPE=Release -DMARKFORGE_BENCH=ON \
     -DMARKFORGE_TESTS=OFF >/dev/null
-ninja -C "$BUILD" -j "$MARKFORGE_JOBS" recaster hash_bench
+ninja -C "$BUILD" -j "$MARKFORGE_JOBS" recaster hash_bench markforge_program keydir
 RECASTER="$BUILD/bin/recaster"
+MARKFORGE="$BUILD/bin/markforge"
 HASH_BENCH="$BUILD/bin/hash_bench"
 
 if [ -n "${BENCH_DIR:-}" ]; then
@@ -213,17 +216,48 @@ bench_memory() {
         "$(peak_kib openssl dgst -sha256 "$WORK/file-64MiB")" "$(peak_kib openssl dgst -sha256 "$WORK/file-big")")"
 }
 
+# `markforge build` reads every component byte twice (the archive digest,
+# then the component digest) and copies it into the payload on a second
+# thread; the target is at most 2.05 times one openssl dgst pass.
+bench_build() {
+    banner "bench: markforge build of one ${BIG_MIB} MiB component against openssl dgst"
+    "$MARKFORGE" keygen --bits 2048 -o "$WORK/dev.markforge" >/dev/null
+    local file="$WORK/file-big" out="$WORK/container.img"
+    cat "$file" >/dev/null
+    record ""
+    record "markforge build, one ${BIG_MIB} MiB component, development mode (whole process, mean of 5 runs)"
+    record "$(printf '  %-9s %12s %14s %7s' hash 'build s' 'openssl dgst s' ratio)"
+    for algorithm in sha256 sha512; do
+        local csv="$WORK/build-$algorithm.csv"
+        hyperfine -N --style basic --warmup 1 --runs 5 --export-csv "$csv" \
+            -n "markforge build $algorithm" \
+            "$MARKFORGE build -o $out --key dev --mode development --key-dir $WORK --hash $algorithm big=$file" \
+            -n "openssl dgst $algorithm" "openssl dgst -$algorithm $file"
+        local ours theirs
+        ours="$(csv_field "$csv" 1 mean)"
+        theirs="$(csv_field "$csv" 2 mean)"
+        record "$(printf '  %-9s %12.3f %14.3f %7s' "$algorithm" "$ours" "$theirs" "$(ratio "$ours" "$theirs")")"
+    done
+    record "  (ratio: markforge build / one openssl dgst pass; target <= 2.05)"
+    record "$(printf '  peak memory (KiB): %s for 64 MiB, %s for %s MiB' \
+        "$(peak_kib "$MARKFORGE" build -o "$out" --key dev --mode development --key-dir "$WORK" small="$WORK/file-64MiB")" \
+        "$(peak_kib "$MARKFORGE" build -o "$out" --key dev --mode development --key-dir "$WORK" big="$file")" "$BIG_MIB")"
+    rm -f "$out"
+}
+
 case "${BENCH_ONLY:-all}" in
 all)
     make_files
     bench_hashing
     bench_conversions
     bench_memory
+    bench_build
     ;;
+build) make_files && bench_build ;;
 hashing) make_files && bench_hashing ;;
 conversions) bench_conversions ;;
 memory) make_files && bench_memory ;;
-*) die "BENCH_ONLY must be hashing, conversions or memory" ;;
+*) die "BENCH_ONLY must be hashing, conversions, memory or build" ;;
 esac
 
 banner "bench: summary ($(nproc) cores, $(grep -m1 'model name' /proc/cpuinfo | cut -d: -f2 | xargs))"

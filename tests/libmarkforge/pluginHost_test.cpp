@@ -8,6 +8,7 @@
 #include "keyname.h"
 #include "openedObject.h"
 #include "pluginHost.h"
+#include "resolvedNames.h"
 #include "testSupport.h"
 
 namespace {
@@ -19,52 +20,10 @@ std::string TestPlugin(const std::string& name)
     return std::string(TEST_PLUGIN_DIR) + "/" + name + ".so";
 }
 
-// The names the installed generator gives for `name`, released as the
-// registry's contract asks; empty for a refusal.
-std::vector<std::string> Resolve(const std::string& name)
-{
-    std::vector<std::string> out;
-    char** names = markforgeRegistry->mfPluginKeynameGenerator(name.c_str(), true);
-    if (!names) return out;
-    for (char** entry = names; *entry; ++entry) {
-        out.emplace_back(*entry);
-        delete[] *entry;
-    }
-    delete[] names;
-    return out;
-}
-
 class PluginHostTest : public ::testing::Test {
 protected:
     void TearDown() override { markforgeRegistry = nullptr; }
 };
-
-TEST_F(PluginHostTest, KeydirResolvesNamesInsideItsFolder)
-{
-    pluginHost host;
-    std::string reason;
-    ASSERT_TRUE(host.Load(KEYDIR_PLUGIN, "/keys/", reason)) << reason;
-    ASSERT_NE(markforgeRegistry, nullptr);
-    EXPECT_EQ(Resolve("release"), std::vector<std::string>{"/keys/release.markforge"});
-    EXPECT_EQ(Resolve(std::string(31, 'k')), std::vector<std::string>{"/keys/" + std::string(31, 'k') + ".markforge"});
-    EXPECT_EQ(Resolve("a.b-c_d"), std::vector<std::string>{"/keys/a.b-c_d.markforge"});
-    for (const std::string& refused : {std::string(), std::string(32, 'k'), std::string("a/b"), std::string("/abs"),
-                                       std::string(".."), std::string("../up"), std::string(".hidden"),
-                                       std::string("tab\there"), std::string("bell\a")}) {
-        SCOPED_TRACE(refused);
-        EXPECT_TRUE(Resolve(refused).empty());
-    }
-}
-
-TEST_F(PluginHostTest, KeydirNeedsAFolderArgument)
-{
-    pluginHost host;
-    std::string reason;
-    EXPECT_FALSE(host.Load(KEYDIR_PLUGIN, nullptr, reason));
-    EXPECT_EQ(reason, std::string("plug-in ") + KEYDIR_PLUGIN + ": markforge_plugin_init refused with 2");
-    EXPECT_FALSE(host.Load(KEYDIR_PLUGIN, "", reason));
-    EXPECT_EQ(markforgeRegistry, nullptr);
-}
 
 TEST_F(PluginHostTest, EachFailureNamesThePathAndInstallsNothing)
 {
@@ -95,7 +54,7 @@ TEST_F(PluginHostTest, TheRecordGoesWithTheHost)
         pluginHost host;
         std::string reason;
         ASSERT_TRUE(host.Load(TestPlugin("threeNames"), "first", reason)) << reason;
-        EXPECT_EQ(Resolve("any"), (std::vector<std::string>{"first", "second", "third"}));
+        EXPECT_EQ(testsupport::ResolvedNames("any"), (std::vector<std::string>{"first", "second", "third"}));
         EXPECT_EQ(host.Path(), TestPlugin("threeNames"));
     }
     EXPECT_EQ(markforgeRegistry, nullptr);
