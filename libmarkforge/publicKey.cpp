@@ -17,21 +17,18 @@
 #include <iterator>
 
 #include "digestStream.h"
+#include "lbOpensslPtr.h"
 #include "lbRsaKeyFile.h"
 
 namespace markforge {
 namespace {
 
-template <typename T, void (*F)(T*)>
-struct Deleter {
-    void operator()(T* p) const { F(p); }
-};
-using BnPtr = std::unique_ptr<BIGNUM, Deleter<BIGNUM, BN_free>>;
-using PkeyCtxPtr = std::unique_ptr<EVP_PKEY_CTX, Deleter<EVP_PKEY_CTX, EVP_PKEY_CTX_free>>;
-using ParamBldPtr = std::unique_ptr<OSSL_PARAM_BLD, Deleter<OSSL_PARAM_BLD, OSSL_PARAM_BLD_free>>;
-using ParamPtr = std::unique_ptr<OSSL_PARAM, Deleter<OSSL_PARAM, OSSL_PARAM_free>>;
-using DecoderPtr = std::unique_ptr<OSSL_DECODER_CTX, Deleter<OSSL_DECODER_CTX, OSSL_DECODER_CTX_free>>;
-using BioPtr = std::unique_ptr<BIO, Deleter<BIO, BIO_free_all>>;
+using lockbase::BioPtr;
+using lockbase::BnPtr;
+using lockbase::DecoderPtr;
+using lockbase::ParamBldPtr;
+using lockbase::ParamPtr;
+using lockbase::PkeyCtxPtr;
 
 // Key files are small; anything larger is not one.
 constexpr size_t MAX_KEY_BYTES = 65536;

@@ -17,21 +17,18 @@
 #include <memory>
 
 #include "lbBytes.h"
+#include "lbOpensslPtr.h"
 #include "lbRsaKeyFile.h"
 #include "lbSteps.h"
 
 namespace {
 
-template <typename T, void (*F)(T*)>
-struct Deleter {
-    void operator()(T* p) const { F(p); }
-};
-using BnPtr = std::unique_ptr<BIGNUM, Deleter<BIGNUM, BN_clear_free>>;
-using BnCtxPtr = std::unique_ptr<BN_CTX, Deleter<BN_CTX, BN_CTX_free>>;
-using PkeyPtr = std::unique_ptr<EVP_PKEY, Deleter<EVP_PKEY, EVP_PKEY_free>>;
-using PkeyCtxPtr = std::unique_ptr<EVP_PKEY_CTX, Deleter<EVP_PKEY_CTX, EVP_PKEY_CTX_free>>;
-using ParamBldPtr = std::unique_ptr<OSSL_PARAM_BLD, Deleter<OSSL_PARAM_BLD, OSSL_PARAM_BLD_free>>;
-using ParamPtr = std::unique_ptr<OSSL_PARAM, Deleter<OSSL_PARAM, OSSL_PARAM_free>>;
+using lockbase::BnCtxPtr;
+using lockbase::BnPtr;
+using lockbase::ParamBldPtr;
+using lockbase::ParamPtr;
+using lockbase::PkeyCtxPtr;
+using lockbase::PkeyPtr;
 
 BnPtr Hex(const std::string& text)
 {

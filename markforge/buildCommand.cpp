@@ -314,7 +314,10 @@ void buildCommand::ReportBuildFailure(const containerBuilder& builder, const age
         message = "signing the " + builder.Stage() + " with key '" + _options.key +
                   "' failed; check that its file is a private markforge key file";
     }
-    if (!libraryMessages.empty()) message += "\n" + libraryMessages.substr(0, libraryMessages.size() - 1);
+    if (!libraryMessages.empty()) {
+        message += "\n" + libraryMessages;
+        if (message.back() == '\n') message.pop_back();
+    }
     Fail(status, message);
 }
 

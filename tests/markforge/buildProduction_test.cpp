@@ -61,6 +61,17 @@ protected:
 
     void ExpectOutputUntouched() { EXPECT_EQ(ReadFile(out), "the previous container"); }
 
+    // The build failed with status 5, said `message` on standard error, and
+    // left the output as it was.
+    void ExpectSigningFailure(const ProcessResult& built, const std::string& message)
+    {
+        EXPECT_EQ(built.status, 5);
+        EXPECT_FALSE(built.signaled);
+        EXPECT_EQ(built.out, "");
+        EXPECT_NE(built.err.find(message), std::string::npos) << built.err;
+        ExpectOutputUntouched();
+    }
+
     testsupport::SignAgentPeer peer;
     std::string privatePem;
     std::string out;
@@ -126,13 +137,9 @@ TEST_F(BuildProductionTest, AWrongSignatureIsNeverWritten)
         return SignRequest(request, 32, "sha256");
     });
     StartPeer();
-    const ProcessResult built = BuildProduction({"--verify-key", publicPem()});
-    EXPECT_EQ(built.status, 5);
-    EXPECT_NE(built.err.find("markforge: the signature of component boot does not verify under the --verify-key key; "
-                             "nothing was written"),
-              std::string::npos)
-        << built.err;
-    ExpectOutputUntouched();
+    ExpectSigningFailure(BuildProduction({"--verify-key", publicPem()}),
+                         "markforge: the signature of component boot does not verify under the --verify-key key; "
+                         "nothing was written");
 }
 
 TEST_F(BuildProductionTest, AnEmptyAnswerFails)
@@ -140,47 +147,33 @@ TEST_F(BuildProductionTest, AnEmptyAnswerFails)
     peer.CloseWithoutAnswer();
     StartPeer();
     const ProcessResult built = BuildProduction({"--verify-key", publicPem()});
-    EXPECT_EQ(built.status, 5);
-    EXPECT_NE(built.err.find("markforge: signing the component boot through the signing agent at 127.0.0.1:8001 "
-                             "failed"),
-              std::string::npos)
-        << built.err;
+    ExpectSigningFailure(built, "markforge: signing the component boot through the signing agent at 127.0.0.1:8001 "
+                                "failed");
     EXPECT_NE(built.err.find("Got blank string from sign_agent"), std::string::npos) << built.err;
-    ExpectOutputUntouched();
 }
 
 TEST_F(BuildProductionTest, AHangUpFails)
 {
     peer.ResetWithoutReading();
     StartPeer();
-    const ProcessResult built = BuildProduction({"--verify-key", publicPem()});
-    EXPECT_EQ(built.status, 5);
-    EXPECT_NE(built.err.find("through the signing agent at 127.0.0.1:8001 failed"), std::string::npos) << built.err;
-    ExpectOutputUntouched();
+    ExpectSigningFailure(BuildProduction({"--verify-key", publicPem()}),
+                         "through the signing agent at 127.0.0.1:8001 failed");
 }
 
 TEST_F(BuildProductionTest, AnAgentThatNeverAnswersIsGivenUpAfterTheTimeout)
 {
     peer.NeverAnswer();
     StartPeer();
-    const ProcessResult built = BuildProduction({"--verify-key", publicPem(), "--agent-timeout", "0.5"});
-    EXPECT_EQ(built.status, 5);
-    EXPECT_NE(built.err.find("markforge: the signing agent at 127.0.0.1:8001 did not answer within 0.5 s "
-                             "(--agent-timeout) while signing the component boot"),
-              std::string::npos)
-        << built.err;
-    EXPECT_FALSE(built.signaled);
-    ExpectOutputUntouched();
+    ExpectSigningFailure(BuildProduction({"--verify-key", publicPem(), "--agent-timeout", "0.5"}),
+                         "markforge: the signing agent at 127.0.0.1:8001 did not answer within 0.5 s "
+                         "(--agent-timeout) while signing the component boot");
 }
 
 TEST_F(BuildProductionTest, NoAgentListening)
 {
     std::string error;
     ASSERT_TRUE(peer.ReservePort(error)) << error;
-    const ProcessResult built = BuildProduction({});
-    EXPECT_EQ(built.status, 5);
-    EXPECT_NE(built.err.find("Unable to connect to sign_agent"), std::string::npos) << built.err;
-    ExpectOutputUntouched();
+    ExpectSigningFailure(BuildProduction({}), "Unable to connect to sign_agent");
 }
 
 }  // namespace
