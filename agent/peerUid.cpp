@@ -48,25 +48,33 @@ bool ReadReply(int fd, uid_t& uid, std::string& error)
         error = "no answer from sock_diag";
         return false;
     }
-    alignas(nlmsghdr) char buffer[8192];
+    uint8_t buffer[8192];
     const ssize_t got = ::recv(fd, buffer, sizeof buffer, 0);
     if (got < 0) {
         error = std::string("sock_diag: ") + std::strerror(errno);
         return false;
     }
-    int left = static_cast<int>(got);
-    for (auto* header = reinterpret_cast<nlmsghdr*>(buffer); NLMSG_OK(header, left);
-         header = NLMSG_NEXT(header, left)) {
-        if (header->nlmsg_type == NLMSG_ERROR) {
-            const auto* failure = static_cast<const nlmsgerr*>(NLMSG_DATA(header));
-            error = std::string("sock_diag: ") + std::strerror(-failure->error);
+    // Messages are copied out rather than cast in place: the buffer makes
+    // no alignment promise.
+    const size_t size = static_cast<size_t>(got);
+    for (size_t at = 0; at + sizeof(nlmsghdr) <= size;) {
+        nlmsghdr header;
+        std::memcpy(&header, buffer + at, sizeof header);
+        if (header.nlmsg_len < sizeof header || header.nlmsg_len > size - at) break;
+        const uint8_t* payload = buffer + at + NLMSG_HDRLEN;
+        if (header.nlmsg_type == NLMSG_ERROR && header.nlmsg_len >= NLMSG_LENGTH(sizeof(nlmsgerr))) {
+            nlmsgerr failure;
+            std::memcpy(&failure, payload, sizeof failure);
+            error = std::string("sock_diag: ") + std::strerror(-failure.error);
             return false;
         }
-        if (header->nlmsg_type == SOCK_DIAG_BY_FAMILY &&
-            header->nlmsg_len >= NLMSG_LENGTH(sizeof(inet_diag_msg))) {
-            uid = static_cast<const inet_diag_msg*>(NLMSG_DATA(header))->idiag_uid;
+        if (header.nlmsg_type == SOCK_DIAG_BY_FAMILY && header.nlmsg_len >= NLMSG_LENGTH(sizeof(inet_diag_msg))) {
+            inet_diag_msg message;
+            std::memcpy(&message, payload, sizeof message);
+            uid = message.idiag_uid;
             return true;
         }
+        at += NLMSG_ALIGN(header.nlmsg_len);
     }
     error = "sock_diag gave no socket";
     return false;

@@ -97,10 +97,10 @@ bool AgentProcess::Start(const std::vector<std::string>& args, std::string& erro
     return false;
 }
 
-int AgentProcess::Stop()
+int AgentProcess::Stop(int signal)
 {
     if (_pid <= 0) return -1;
-    ::kill(_pid, SIGTERM);
+    ::kill(_pid, signal);
     int status = WaitExit(_pid, STOP_TIMEOUT);
     if (status == -2) {
         ::kill(_pid, SIGKILL);

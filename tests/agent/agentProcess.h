@@ -3,6 +3,7 @@
 // file, stopped with SIGTERM. Every wait is bounded.
 #pragma once
 
+#include <signal.h>
 #include <sys/types.h>
 
 #include <nlohmann/json.hpp>
@@ -24,9 +25,9 @@ public:
     // reason (and the agent's standard error) in `error`.
     bool Start(const std::vector<std::string>& args, std::string& error);
     unsigned short Port() const { return _port; }
-    // Sends SIGTERM and waits for the exit; the exit status, or -1 when it
+    // Sends `signal` and waits for the exit; the exit status, or -1 when it
     // had to be killed (or was not running).
-    int Stop();
+    int Stop(int signal = SIGTERM);
     // The agent's standard error so far.
     std::string Errors() const;
     // The audit lines of this event kind ("request", "stop", ...).
