@@ -2,15 +2,12 @@
 // an answer and logged, while other clients go on being served.
 #include <gtest/gtest.h>
 
-#include <sys/stat.h>
 #include <unistd.h>
 
 #include <memory>
 
 #include "agentClient.h"
-#include "agentProcess.h"
-#include "testKeys.h"
-#include "testSupport.h"
+#include "keyFolderTest.h"
 
 using agenttest::AgentConnection;
 using agenttest::Bytes;
@@ -26,22 +23,11 @@ Bytes WithExtraByte(Bytes request)
     return request;
 }
 
-class AgentFaults : public ::testing::Test {
+class AgentFaults : public agenttest::KeyFolderTest {
 protected:
-    static void SetUpTestSuite()
-    {
-        keys = std::make_unique<testsupport::TempDir>();
-        std::string error;
-        ASSERT_TRUE(testsupport::MakeRsaKey(keys->path(), "dev", 2048, key, error)) << error;
-        // The agent's key folder holds only the PEM private key.
-        ASSERT_EQ(::mkdir(keys->file("folder").c_str(), 0700), 0);
-        testsupport::WriteFile(keys->file("folder/dev.pem"), testsupport::ReadFile(key.privatePem));
-    }
-    static void TearDownTestSuite() { keys.reset(); }
-
     void StartAgent(std::vector<std::string> extra = {})
     {
-        std::vector<std::string> args{"--key-dir", keys->file("folder"), "--read-timeout", "3", "--workers", "2"};
+        std::vector<std::string> args{"--key-dir", Folder(), "--read-timeout", "3", "--workers", "2"};
         args.insert(args.end(), extra.begin(), extra.end());
         std::string error;
         ASSERT_TRUE(agent.Start(args, error)) << error;
@@ -84,10 +70,6 @@ protected:
         return refused;
     }
 
-    static inline std::unique_ptr<testsupport::TempDir> keys;
-    static inline testsupport::TestRsaKey key;
-    testsupport::TempDir dir;
-    agenttest::AgentProcess agent{dir.path()};
 };
 
 TEST_F(AgentFaults, SilentClientDoesNotDelayOthers)

@@ -12,8 +12,8 @@
 #include "agentProcess.h"
 #include "lbBytes.h"
 #include "lbRsa.h"
+#include "librarySigner.h"
 #include "openedObject.h"
-#include "sign.h"
 #include "signAgentPeer.h"
 #include "testKeys.h"
 #include "testSupport.h"
@@ -46,33 +46,15 @@ protected:
         ASSERT_EQ(agent.Port(), 8001);
     }
 
-    // sign_hsm's result, with what it printed on standard error in `err`.
-    int SignHsm(const Bytes& digest, const std::string& keyName, Bytes& signature, std::string& err)
-    {
-        testsupport::Opened<markforge::sign> signer;
-        lbBytes input;
-        input.ImportFromV(digest);
-        testing::internal::CaptureStdout();
-        testing::internal::CaptureStderr();
-        const int result = signer->sign_hsm(input, keyName, "image.bin", 1, "");
-        testing::internal::GetCapturedStdout();
-        err = testing::internal::GetCapturedStderr();
-        lbBytes out;
-        signer->GetSignature(out);
-        signature = out.buffer;
-        return result;
-    }
-
     void ExpectVerifies(const std::string& keyName, const testsupport::TestRsaKey& key)
     {
-        for (const auto& [length, digestName] :
-             std::vector<std::pair<size_t, std::string>>{{32, "sha256"}, {48, "sha384"}, {64, "sha512"}}) {
-            const Bytes digest = Pattern(length, static_cast<uint8_t>(length));
+        for (const auto& kind : agenttest::DigestKinds()) {
+            const Bytes digest = Pattern(kind.length, static_cast<uint8_t>(kind.length));
             Bytes signature;
             std::string err, detail;
-            ASSERT_EQ(SignHsm(digest, keyName, signature, err), 0) << err;
-            EXPECT_TRUE(testsupport::OpensslVerifies(dir.path(), key.publicPem, digestName, digest, signature, detail))
-                << keyName << " " << digestName << ": " << detail;
+            ASSERT_EQ(agenttest::SignThroughLibrary(digest, keyName, signature, err), 0) << err;
+            EXPECT_TRUE(testsupport::OpensslVerifies(dir.path(), key.publicPem, kind.name, digest, signature, detail))
+                << keyName << " " << kind.name << ": " << detail;
         }
     }
 
@@ -98,7 +80,7 @@ TEST_F(AgentLibrarySign, SameSignatureAsDevelopmentMode)
     const Bytes digest = Pattern(32);
     Bytes fromAgent;
     std::string err;
-    ASSERT_EQ(SignHsm(digest, "release-mf", fromAgent, err), 0) << err;
+    ASSERT_EQ(agenttest::SignThroughLibrary(digest, "release-mf", fromAgent, err), 0) << err;
 
     testsupport::Opened<lbRsa> rsa;
     ASSERT_TRUE(rsa->ReadKeyFromDisk(markforgeKey.keyFile));
@@ -112,7 +94,7 @@ TEST_F(AgentLibrarySign, RefusalIsABlankAnswer)
 {
     Bytes signature;
     std::string err;
-    EXPECT_EQ(SignHsm(Pattern(32), "nosuch", signature, err), -1);
+    EXPECT_EQ(agenttest::SignThroughLibrary(Pattern(32), "nosuch", signature, err), -1);
     EXPECT_EQ(err, "Got blank string from sign_agent\n");
     ASSERT_TRUE(agent.WaitForRequests(1));
     EXPECT_EQ(agent.Events("request").back()["reason"], "unknown key");

@@ -10,9 +10,7 @@
 
 #include "agentClient.h"
 #include "agentProcess.h"
-#include "lbBytes.h"
-#include "openedObject.h"
-#include "sign.h"
+#include "librarySigner.h"
 #include "signAgentPeer.h"
 #include "softHsmToken.h"
 #include "testKeys.h"
@@ -75,22 +73,13 @@ TEST_F(AgentPkcs11, LibrarySignsAllDigestLengths)
     args.insert(args.end(), {"--port", "8001"});
     ASSERT_TRUE(agent.Start(args, error)) << error;
 
-    for (const auto& [length, digestName] :
-         std::vector<std::pair<size_t, std::string>>{{32, "sha256"}, {48, "sha384"}, {64, "sha512"}}) {
-        const Bytes digest = Pattern(length, 0x40);
-        testsupport::Opened<markforge::sign> signer;
-        lbBytes input, output;
-        input.ImportFromV(digest);
-        testing::internal::CaptureStdout();
-        testing::internal::CaptureStderr();
-        const int result = signer->sign_hsm(input, "release-hsm", "fw.img", 1, "");
-        testing::internal::GetCapturedStdout();
-        const std::string err = testing::internal::GetCapturedStderr();
-        ASSERT_EQ(result, 0) << err;
-        signer->GetSignature(output);
-        std::string detail;
-        EXPECT_TRUE(testsupport::OpensslVerifies(dir.path(), key.publicPem, digestName, digest, output.buffer, detail))
-            << digestName << ": " << detail;
+    for (const auto& kind : agenttest::DigestKinds()) {
+        const Bytes digest = Pattern(kind.length, 0x40);
+        Bytes signature;
+        std::string err, detail;
+        ASSERT_EQ(agenttest::SignThroughLibrary(digest, "release-hsm", signature, err), 0) << err;
+        EXPECT_TRUE(testsupport::OpensslVerifies(dir.path(), key.publicPem, kind.name, digest, signature, detail))
+            << kind.name << ": " << detail;
     }
     EXPECT_EQ(agent.Stop(), 0);
     EXPECT_EQ(agent.Errors().find(PIN), std::string::npos);

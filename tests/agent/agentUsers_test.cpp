@@ -4,18 +4,14 @@
 #include <gtest/gtest.h>
 
 #include <pwd.h>
-#include <sys/stat.h>
 #include <sys/wait.h>
 #include <unistd.h>
 
 #include <chrono>
-#include <memory>
 #include <thread>
 
 #include "agentClient.h"
-#include "agentProcess.h"
-#include "testKeys.h"
-#include "testSupport.h"
+#include "keyFolderTest.h"
 
 using agenttest::Bytes;
 using agenttest::Pattern;
@@ -59,18 +55,8 @@ long AnswerSizeAs(uid_t uid, gid_t gid, unsigned short port, const Bytes& reques
     return size;
 }
 
-class AgentUsers : public ::testing::Test {
+class AgentUsers : public agenttest::KeyFolderTest {
 protected:
-    static void SetUpTestSuite()
-    {
-        keys = std::make_unique<testsupport::TempDir>();
-        std::string error;
-        ASSERT_TRUE(testsupport::MakeRsaKey(keys->path(), "dev", 2048, key, error)) << error;
-        ASSERT_EQ(::mkdir(keys->file("folder").c_str(), 0700), 0);
-        testsupport::WriteFile(keys->file("folder/dev.pem"), testsupport::ReadFile(key.privatePem));
-    }
-    static void TearDownTestSuite() { keys.reset(); }
-
     void SetUp() override
     {
         if (::getuid() != 0) GTEST_SKIP() << "needs root to run a client as another user";
@@ -82,7 +68,7 @@ protected:
 
     void StartAgent(const std::vector<std::string>& users)
     {
-        std::vector<std::string> args{"--key-dir", keys->file("folder")};
+        std::vector<std::string> args{"--key-dir", Folder()};
         for (const auto& user : users) args.insert(args.end(), {"--allow-user", user});
         std::string error;
         ASSERT_TRUE(agent.Start(args, error)) << error;
@@ -98,13 +84,9 @@ protected:
         return lines.empty() ? nlohmann::json() : lines.back();
     }
 
-    static inline std::unique_ptr<testsupport::TempDir> keys;
-    static inline testsupport::TestRsaKey key;
     uid_t nobodyUid = 0;
     gid_t nobodyGid = 0;
     const Bytes request = agenttest::MakeRequest("dev", Pattern(32), agenttest::Arguments(32));
-    testsupport::TempDir dir;
-    agenttest::AgentProcess agent{dir.path()};
 };
 
 TEST_F(AgentUsers, EveryUserWithoutTheOption)
@@ -139,7 +121,7 @@ TEST_F(AgentUsers, NamedUserIsServedByNameOrNumber)
 TEST_F(AgentUsers, UnknownUserNameStopsTheStart)
 {
     std::string error;
-    EXPECT_FALSE(agent.Start({"--key-dir", keys->file("folder"), "--allow-user", "no-such-user-x"}, error));
+    EXPECT_FALSE(agent.Start({"--key-dir", Folder(), "--allow-user", "no-such-user-x"}, error));
     EXPECT_NE(error.find("unknown user no-such-user-x"), std::string::npos) << error;
 }
 
