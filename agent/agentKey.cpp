@@ -5,6 +5,9 @@
 #include <openssl/rsa.h>
 #include <openssl/x509.h>
 
+#include <atomic>
+#include <map>
+
 namespace agent {
 namespace {
 
@@ -24,6 +27,27 @@ PkeyCtxPtr SignatureContext(EVP_PKEY* key, const EVP_MD* md, bool forSigning)
         EVP_PKEY_CTX_set_signature_md(ctx.get(), md) != 1)
         return nullptr;
     return ctx;
+}
+
+// A thread's own contexts for one key, one per digest and direction, made
+// on first use. A software key is copied for each thread first: a private
+// key shared between threads makes OpenSSL take a lock and a slower blinding
+// path on every signature.
+struct ThreadContexts {
+    PkeyPtr ownKey;
+    std::map<std::pair<const EVP_MD*, bool>, PkeyCtxPtr> contexts;
+};
+
+std::atomic<unsigned long> nextKeyId{1};
+
+EVP_PKEY_CTX* CachedContext(unsigned long keyId, EVP_PKEY* key, bool copyKey, const EVP_MD* md, bool forSigning)
+{
+    thread_local std::map<std::pair<unsigned long, bool>, ThreadContexts> cache;
+    ThreadContexts& mine = cache[{keyId, copyKey}];
+    if (copyKey && !mine.ownKey) mine.ownKey.reset(EVP_PKEY_dup(key));
+    PkeyCtxPtr& ctx = mine.contexts[{md, forSigning}];
+    if (!ctx) ctx = SignatureContext(copyKey ? mine.ownKey.get() : key, md, forSigning);
+    return ctx.get();
 }
 
 std::string OpensslError()
@@ -59,7 +83,7 @@ std::string HexText(const std::vector<uint8_t>& bytes)
 }
 
 AgentKey::AgentKey(std::string name, PkeyPtr privateKey, std::shared_ptr<std::mutex> serial)
-    : _name(std::move(name)), _private(std::move(privateKey)), _serial(std::move(serial))
+    : _id(nextKeyId++), _name(std::move(name)), _private(std::move(privateKey)), _serial(std::move(serial))
 {
 }
 
@@ -117,11 +141,12 @@ bool AgentKey::SignUnchecked(const EVP_MD* md, const std::vector<uint8_t>& diges
 {
     std::unique_lock<std::mutex> lock;
     if (_serial) lock = std::unique_lock<std::mutex>(*_serial);
-    PkeyCtxPtr ctx = SignatureContext(_private.get(), md, true);
+    // A token's key stays the token's: only in-memory keys are copied.
+    EVP_PKEY_CTX* ctx = CachedContext(_id, _private.get(), !_serial, md, true);
     size_t length = 0;
-    if (!ctx || EVP_PKEY_sign(ctx.get(), nullptr, &length, digest.data(), digest.size()) != 1) return false;
+    if (!ctx || EVP_PKEY_sign(ctx, nullptr, &length, digest.data(), digest.size()) != 1) return false;
     signature.resize(length);
-    if (EVP_PKEY_sign(ctx.get(), signature.data(), &length, digest.data(), digest.size()) != 1) return false;
+    if (EVP_PKEY_sign(ctx, signature.data(), &length, digest.data(), digest.size()) != 1) return false;
     signature.resize(length);
     return true;
 }
@@ -129,9 +154,9 @@ bool AgentKey::SignUnchecked(const EVP_MD* md, const std::vector<uint8_t>& diges
 bool AgentKey::Verifies(const EVP_MD* md, const std::vector<uint8_t>& digest,
                         const std::vector<uint8_t>& signature) const
 {
-    PkeyCtxPtr ctx = SignatureContext(_public.get(), md, false);
-    const bool good = ctx && EVP_PKEY_verify(ctx.get(), signature.data(), signature.size(), digest.data(),
-                                             digest.size()) == 1;
+    EVP_PKEY_CTX* ctx = CachedContext(_id, _public.get(), false, md, false);
+    const bool good =
+        ctx && EVP_PKEY_verify(ctx, signature.data(), signature.size(), digest.data(), digest.size()) == 1;
     ERR_clear_error();
     return good;
 }

@@ -43,6 +43,8 @@ private:
     bool SignUnchecked(const EVP_MD* md, const std::vector<uint8_t>& digest, std::vector<uint8_t>& signature) const;
     bool Verifies(const EVP_MD* md, const std::vector<uint8_t>& digest, const std::vector<uint8_t>& signature) const;
 
+    // Told apart by number, not address, in the per-thread context cache.
+    unsigned long _id;
     std::string _name;
     PkeyPtr _private;
     PkeyPtr _public;

@@ -41,8 +41,7 @@ protected:
     {
         FrameworkTest::SetUp();
         std::string error;
-        ASSERT_TRUE(port.ReservePort(error)) << error;
-        ASSERT_TRUE(agent.Start({"--port", "8001", "--key-dir", keys->file("folder")}, error)) << error;
+        ASSERT_TRUE(agent.StartOnSignAgentPort(port, {"--key-dir", keys->file("folder")}, error)) << error;
         ASSERT_EQ(agent.Port(), 8001);
     }
 

@@ -67,11 +67,8 @@ TEST_F(AgentPkcs11, LibrarySignsAllDigestLengths)
 {
     testsupport::SignAgentPeer port;
     std::string error;
-    ASSERT_TRUE(port.ReservePort(error)) << error;
     agenttest::AgentProcess agent(dir.path());
-    std::vector<std::string> args = TokenArgs(pinFile);
-    args.insert(args.end(), {"--port", "8001"});
-    ASSERT_TRUE(agent.Start(args, error)) << error;
+    ASSERT_TRUE(agent.StartOnSignAgentPort(port, TokenArgs(pinFile), error)) << error;
 
     for (const auto& kind : agenttest::DigestKinds()) {
         const Bytes digest = Pattern(kind.length, 0x40);

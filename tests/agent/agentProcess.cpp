@@ -18,6 +18,9 @@ namespace {
 constexpr auto START_TIMEOUT = std::chrono::seconds(20);
 constexpr auto STOP_TIMEOUT = std::chrono::seconds(20);
 constexpr auto POLL_STEP = std::chrono::milliseconds(10);
+// A program that ignores the port lock may hold 8001 for a while.
+constexpr auto PORT_BUSY_TIMEOUT = std::chrono::seconds(60);
+constexpr auto PORT_BUSY_RETRY = std::chrono::milliseconds(200);
 
 std::string Slurp(const std::string& path)
 {
@@ -95,6 +98,18 @@ bool AgentProcess::Start(const std::vector<std::string>& args, std::string& erro
     }
     error = "the agent did not listen in time: " + Errors();
     return false;
+}
+
+bool AgentProcess::StartOnSignAgentPort(testsupport::SignAgentPeer& lock, std::vector<std::string> args,
+                                        std::string& error)
+{
+    args.insert(args.end(), {"--port", "8001"});
+    const auto deadline = std::chrono::steady_clock::now() + PORT_BUSY_TIMEOUT;
+    for (;;) {
+        if (lock.ReservePort(error) && Start(args, error)) return true;
+        if (error.find("in use") == std::string::npos || std::chrono::steady_clock::now() > deadline) return false;
+        std::this_thread::sleep_for(PORT_BUSY_RETRY);
+    }
 }
 
 int AgentProcess::Stop(int signal)

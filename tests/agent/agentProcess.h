@@ -7,6 +7,7 @@
 #include <sys/types.h>
 
 #include <nlohmann/json.hpp>
+#include "signAgentPeer.h"
 #include <string>
 #include <vector>
 
@@ -24,6 +25,11 @@ public:
     // `args` names a port) and waits until it listens. False with the
     // reason (and the agent's standard error) in `error`.
     bool Start(const std::vector<std::string>& args, std::string& error);
+    // Starts the agent on 127.0.0.1:8001 for the library's signer, holding
+    // the machine-wide port lock through `lock` (kept by the caller until
+    // the agent has stopped). While another program holds the port, tries
+    // again for a bounded time.
+    bool StartOnSignAgentPort(testsupport::SignAgentPeer& lock, std::vector<std::string> args, std::string& error);
     unsigned short Port() const { return _port; }
     // Sends `signal` and waits for the exit; the exit status, or -1 when it
     // had to be killed (or was not running).
