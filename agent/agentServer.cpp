@@ -11,7 +11,6 @@
 #include <cerrno>
 #include <cstring>
 
-#include "peerUid.h"
 
 namespace agent {
 namespace {
@@ -157,9 +156,17 @@ void AgentServer::Accept()
         connection->record.clientPort = ntohs(client.sin_port);
         uid_t uid;
         std::string error;
-        if (PeerUid::Lookup(client, _address, uid, error)) connection->record.uid = uid;
-        Watch(_epoll, connection->fd, EPOLLIN | EPOLLRDHUP);
-        _reading.emplace(connection->fd, std::move(connection));
+        if (_peers.Lookup(client, _address, uid, error)) connection->record.uid = uid;
+        // A client writes its request right after connecting, so it has
+        // mostly arrived already: such a connection never enters the loop.
+        ParseResult parsed;
+        const Next next = Judge(*connection, Receive(*connection), parsed);
+        if (next == Next::Wait) {
+            Watch(_epoll, connection->fd, EPOLLIN | EPOLLRDHUP);
+            _reading.emplace(connection->fd, std::move(connection));
+        } else {
+            Conclude(std::move(connection), next, std::move(parsed));
+        }
     }
 }
 
@@ -174,32 +181,47 @@ std::unique_ptr<AgentServer::Connection> AgentServer::Release(int fd)
 
 void AgentServer::ReadFrom(int fd)
 {
-    if (!_reading.count(fd)) return;
-    Connection& connection = *_reading[fd];
-    bool ended = false;
+    const auto found = _reading.find(fd);
+    if (found == _reading.end()) return;
+    ParseResult parsed;
+    const Next next = Judge(*found->second, Receive(*found->second), parsed);
+    if (next != Next::Wait) Conclude(Release(fd), next, std::move(parsed));
+}
+
+bool AgentServer::Receive(Connection& connection)
+{
     uint8_t chunk[READ_CHUNK];
     for (;;) {
-        const ssize_t got = ::recv(fd, chunk, sizeof chunk, 0);
+        const ssize_t got = ::recv(connection.fd, chunk, sizeof chunk, 0);
         if (got > 0) {
             const size_t room = MAX_KEPT - std::min(MAX_KEPT, connection.bytes.size());
             connection.bytes.insert(connection.bytes.end(), chunk, chunk + std::min(static_cast<size_t>(got), room));
             continue;
         }
         if (got < 0 && errno == EINTR) continue;
-        ended = got == 0 || (errno != EAGAIN && errno != EWOULDBLOCK);
-        break;
+        return got == 0 || (errno != EAGAIN && errno != EWOULDBLOCK);
     }
-    ParseResult parsed = ParseSignRequest(connection.bytes.data(), connection.bytes.size());
+}
+
+AgentServer::Next AgentServer::Judge(Connection& connection, bool ended, ParseResult& parsed)
+{
+    parsed = ParseSignRequest(connection.bytes.data(), connection.bytes.size());
     NoteRequest(connection.record, parsed.request);
-    if (parsed.status == ParseStatus::Complete) {
-        Dispatch(Release(fd), std::move(parsed.request));
-    } else if (parsed.status == ParseStatus::Invalid) {
-        Refuse(Release(fd), parsed.reason);
-    } else if (ended) {
-        Refuse(Release(fd), connection.bytes.empty() ? "closed without a request"
-                                                      : "closed after " + std::to_string(connection.bytes.size()) +
-                                                            " bytes of a request");
-    }
+    if (parsed.status == ParseStatus::Complete) return Next::Sign;
+    if (parsed.status == ParseStatus::Invalid) return Next::Refuse;
+    if (!ended) return Next::Wait;
+    parsed.reason = connection.bytes.empty()
+                        ? "closed without a request"
+                        : "closed after " + std::to_string(connection.bytes.size()) + " bytes of a request";
+    return Next::Refuse;
+}
+
+void AgentServer::Conclude(std::unique_ptr<Connection> connection, Next next, ParseResult parsed)
+{
+    if (next == Next::Sign)
+        Dispatch(std::move(connection), std::move(parsed.request));
+    else
+        Refuse(std::move(connection), parsed.reason);
 }
 
 void AgentServer::DropExpired()
@@ -258,7 +280,11 @@ void AgentServer::Finish(Connection& connection, const std::string& reason)
     connection.record.microseconds = MicrosecondsSince(connection.start);
     ++(reason.empty() ? _signed : _refused);
     _log.Write(connection.record.ToJson());
-    DrainAndClose(connection.fd);
+    // After an answer nothing is left unread: a plain close ends the stream.
+    if (reason.empty())
+        ::close(connection.fd);
+    else
+        DrainAndClose(connection.fd);
     --_open;
 }
 

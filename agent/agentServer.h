@@ -17,6 +17,7 @@
 
 #include "auditLog.h"
 #include "keyStore.h"
+#include "peerUid.h"
 #include "signRequest.h"
 #include "workerPool.h"
 
@@ -56,8 +57,15 @@ private:
         std::vector<uint8_t> bytes;
     };
 
+    // What a connection needs after a read.
+    enum class Next { Wait, Sign, Refuse };
+
     void Accept();
     void ReadFrom(int fd);
+    // Reads what has arrived; true when the client has hung up.
+    static bool Receive(Connection& connection);
+    Next Judge(Connection& connection, bool ended, ParseResult& parsed);
+    void Conclude(std::unique_ptr<Connection> connection, Next next, ParseResult parsed);
     void DropExpired();
     std::chrono::milliseconds UntilNextDeadline() const;
     void WatchListener(bool on);
@@ -75,6 +83,7 @@ private:
     int _epoll = -1;
     bool _listening = false;
     sockaddr_in _address{};
+    PeerUid _peers;
     std::map<int, std::unique_ptr<Connection>> _reading;
     std::atomic<size_t> _open{0};
     std::atomic<size_t> _signed{0};

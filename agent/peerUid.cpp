@@ -82,23 +82,30 @@ bool ReadReply(int fd, uid_t& uid, std::string& error)
 
 }  // namespace
 
+PeerUid::~PeerUid()
+{
+    if (_fd >= 0) ::close(_fd);
+}
+
 bool PeerUid::Lookup(const sockaddr_in& client, const sockaddr_in& server, uid_t& uid, std::string& error)
 {
-    const int fd = ::socket(AF_NETLINK, SOCK_DGRAM | SOCK_CLOEXEC, NETLINK_SOCK_DIAG);
-    if (fd < 0) {
+    if (_fd < 0) _fd = ::socket(AF_NETLINK, SOCK_DGRAM | SOCK_CLOEXEC, NETLINK_SOCK_DIAG);
+    if (_fd < 0) {
         error = std::string("sock_diag socket: ") + std::strerror(errno);
         return false;
     }
     DiagRequest request = MakeRequest(client, server);
     sockaddr_nl kernel{};
     kernel.nl_family = AF_NETLINK;
-    bool found = false;
-    if (::sendto(fd, &request, sizeof request, 0, reinterpret_cast<sockaddr*>(&kernel), sizeof kernel) < 0)
+    if (::sendto(_fd, &request, sizeof request, 0, reinterpret_cast<sockaddr*>(&kernel), sizeof kernel) < 0) {
         error = std::string("sock_diag send: ") + std::strerror(errno);
-    else
-        found = ReadReply(fd, uid, error);
-    ::close(fd);
-    return found;
+        return false;
+    }
+    if (ReadReply(_fd, uid, error)) return true;
+    // A late or stray answer must not be taken for the next connection's.
+    ::close(_fd);
+    _fd = -1;
+    return false;
 }
 
 }  // namespace agent

@@ -9,12 +9,21 @@
 
 namespace agent {
 
+// One netlink socket, opened at the first lookup and kept; for one thread.
 class PeerUid {
 public:
+    PeerUid() = default;
+    ~PeerUid();
+    PeerUid(const PeerUid&) = delete;
+    PeerUid& operator=(const PeerUid&) = delete;
+
     // The uid owning the TCP socket whose local address is `client` and
     // whose remote address is `server` (both as accept/getsockname give
     // them). False with the reason in `error` when the kernel does not say.
-    static bool Lookup(const sockaddr_in& client, const sockaddr_in& server, uid_t& uid, std::string& error);
+    bool Lookup(const sockaddr_in& client, const sockaddr_in& server, uid_t& uid, std::string& error);
+
+private:
+    int _fd = -1;
 };
 
 }  // namespace agent
