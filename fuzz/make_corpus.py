@@ -147,6 +147,21 @@ def key_seeds(workdir):
     write("key_file_fuzz", "crlf-public", key_file(key_texts(small), False).replace(b"\n", b"\r\n"))
 
 
+def sign_request(name, digest, arguments):
+    area = 32 if len(digest) == 32 else 64
+    return (name.encode().ljust(32, b"\0") + digest.ljust(area, b"\0") + arguments.encode().ljust(64, b"\0"))
+
+
+def sign_request_seeds():
+    for length in (32, 48, 64):
+        request = sign_request("release", pattern(length, length), "F=image.bin;C=1;S=%d;" % length)
+        write("sign_request_fuzz", "sha%d" % (length * 8), request)
+    write("sign_request_fuzz", "no-f-field", sign_request("k", pattern(32, 1), "S=32;"))
+    write("sign_request_fuzz", "size-mismatch", sign_request("k", pattern(64, 2), "S=32;"))
+    write("sign_request_fuzz", "extra-text", sign_request("k", pattern(48, 3), "F=a;S=48;X=y;" + "z" * 40))
+    write("sign_request_fuzz", "one-byte-too-many", sign_request("k", pattern(32, 4), "S=32;") + b"\0")
+
+
 def main():
     shutil.rmtree(CORPUS, ignore_errors=True)
     with tempfile.TemporaryDirectory() as workdir:
@@ -154,6 +169,7 @@ def main():
         der_seeds(workdir)
         hex_seeds()
         key_seeds(workdir)
+        sign_request_seeds()
 
 
 if __name__ == "__main__":

@@ -6,13 +6,18 @@
 #   3. peak resident memory of hashing a 64 MiB and a 1 GiB file (GNU time)
 #   4. `markforge build` of one 1 GiB component against one `openssl dgst`
 #      pass over the same file, and its peak memory
+#   5. markforge-agent: signatures per second with 64 clients (key folder and
+#      SoftHSM2) against `openssl speed -multi <cores> rsa2048`, and the
+#      latency it adds at one client
 # Not part of the test suite: timings depend on the machine and its load.
 #
 # Environment: MARKFORGE_SKIP_SETUP=1 skips scripts/setup.sh; BENCH_DIR picks
 # the folder for the test files (default: a new folder under /tmp, removed
 # at the end); BENCH_BIG_MIB sets the big file's size (default 1024);
 # BENCH_CONVERT_ROUNDS the rounds per conversion (default 25); BENCH_ONLY
-# one part: hashing, conversions, memory or build.
+# one part: hashing, conversions, memory, build or agent; BENCH_AGENT_SECONDS
+# the length of each agent load run (default 10); BENCH_AGENT_ROUNDS the
+# alternating openssl/agent rounds (default 3).
 set -euo pipefail
 source "$(dirname "${BASH_SOURCE[0]}")/lib.sh"
 
@@ -27,10 +32,14 @@ fi
 banner "bench: Release build"
 cmake -S "$MARKFORGE_ROOT" -B "$BUILD" -G Ninja -DCMAKE_BUILD_TYPE=Release -DMARKFORGE_BENCH=ON \
     -DMARKFORGE_TESTS=OFF >/dev/null
-ninja -C "$BUILD" -j "$MARKFORGE_JOBS" recaster hash_bench markforge_program keydir
+ninja -C "$BUILD" -j "$MARKFORGE_JOBS" recaster hash_bench markforge_program keydir markforge-agent agent_load
 RECASTER="$BUILD/bin/recaster"
 MARKFORGE="$BUILD/bin/markforge"
 HASH_BENCH="$BUILD/bin/hash_bench"
+AGENT="$BUILD/bin/markforge-agent"
+AGENT_LOAD="$BUILD/bin/agent_load"
+AGENT_SECONDS="${BENCH_AGENT_SECONDS:-10}"
+AGENT_ROUNDS="${BENCH_AGENT_ROUNDS:-3}"
 
 if [ -n "${BENCH_DIR:-}" ]; then
     WORK="$BENCH_DIR"
@@ -245,6 +254,93 @@ bench_build() {
     rm -f "$out"
 }
 
+# RSA-2048 sign/s from `openssl speed` (extra arguments: -multi N).
+openssl_sign_rate() {
+    openssl speed -seconds "$1" "${@:2}" rsa2048 2>/dev/null | awk '/^rsa 2048 bits/ { print $(NF - 1) }'
+}
+
+# Starts the agent on a free port with these arguments; AGENT_PID and
+# AGENT_PORT are set once it listens.
+start_agent() {
+    local port_file="$WORK/agent/port"
+    rm -f "$port_file"
+    "$AGENT" --port 0 --port-file "$port_file" --audit-log "$WORK/agent/audit.log" "$@" 2>>"$WORK/agent/agent.err" &
+    AGENT_PID=$!
+    for _ in $(seq 100); do
+        [ -s "$port_file" ] && break
+        sleep 0.1
+    done
+    [ -s "$port_file" ] || die "markforge-agent did not start: $(cat "$WORK/agent/agent.err")"
+    AGENT_PORT="$(cat "$port_file")"
+}
+
+stop_agent() {
+    kill -TERM "$AGENT_PID"
+    wait "$AGENT_PID" || die "markforge-agent did not stop cleanly"
+}
+
+# Word `name` (rate, mean_us, ...) of the load generator's output line.
+load_field() {
+    sed -nE "s/.*[[:space:]]?$2=([0-9.]+).*/\\1/p" <<<"$1"
+}
+
+# A SoftHSM2 token in $WORK/agent/hsm holding the bench key as "bench".
+make_token() {
+    local hsm="$WORK/agent/hsm"
+    mkdir -p "$hsm/tokens"
+    printf 'directories.tokendir = %s\nobjectstore.backend = file\nlog.level = ERROR\n' "$hsm/tokens" >"$hsm/softhsm2.conf"
+    export SOFTHSM2_CONF="$hsm/softhsm2.conf"
+    softhsm2-util --init-token --free --label bench --pin 4711 --so-pin 4712 >/dev/null
+    softhsm2-util --import "$WORK/agent/keys/bench.pem" --token bench --label bench --id 01 --pin 4711 >/dev/null
+    (umask 077 && echo 4711 >"$hsm/pin")
+}
+
+# The middle value of the numbers given.
+median() {
+    printf '%s\n' "$@" | sort -g | awk '{ v[NR] = $1 } END { print v[int((NR + 1) / 2)] }'
+}
+
+bench_agent() {
+    banner "bench: signing agent (RSA-2048, SHA-256, ${AGENT_SECONDS}s per run, $AGENT_ROUNDS rounds)"
+    local cores single hsm one added multi folder multi_rates=() folder_rates=() round
+    cores="$(nproc)"
+    mkdir -p "$WORK/agent/keys"
+    openssl genpkey -algorithm RSA -pkeyopt rsa_keygen_bits:2048 -out "$WORK/agent/keys/bench.pem" 2>/dev/null
+    single="$(openssl_sign_rate "$AGENT_SECONDS")"
+
+    start_agent --key-dir "$WORK/agent/keys"
+    # openssl and the agent take turns, so a change in the machine's other
+    # load falls on both columns.
+    for round in $(seq "$AGENT_ROUNDS"); do
+        multi_rates+=("$(openssl_sign_rate "$AGENT_SECONDS" -multi "$cores")")
+        folder_rates+=("$(load_field "$("$AGENT_LOAD" --port "$AGENT_PORT" --clients 64 --seconds "$AGENT_SECONDS" \
+            --key bench)" rate)")
+        note "round $round: openssl ${multi_rates[-1]} sign/s, agent ${folder_rates[-1]} sign/s"
+    done
+    one="$("$AGENT_LOAD" --port "$AGENT_PORT" --clients 1 --seconds "$AGENT_SECONDS" --key bench)"
+    stop_agent
+    make_token
+    start_agent --pkcs11-module /usr/lib/softhsm/libsofthsm2.so --token bench --pin-file "$WORK/agent/hsm/pin"
+    hsm="$("$AGENT_LOAD" --port "$AGENT_PORT" --clients 64 --seconds "$AGENT_SECONDS" --key bench)"
+    stop_agent
+    multi="$(median "${multi_rates[@]}")"
+    folder="$(median "${folder_rates[@]}")"
+    added="$(awk -v mean="$(load_field "$one" mean_us)" -v rate="$single" 'BEGIN { printf "%.0f", mean - 1e6 / rate }')"
+
+    record ""
+    record "Signing agent, RSA-2048 PKCS#1 v1.5 over SHA-256 digests, $cores cores"
+    record "$(printf '  %-44s %10s' 'openssl speed -multi '"$cores"' rsa2048' "$multi sign/s")"
+    record "$(printf '  %-44s %10s  (%s of openssl)' 'agent, key folder, 64 clients' "$folder sign/s" \
+        "$(ratio "$folder" "$multi")")"
+    record "$(printf '  %-44s %10s' 'agent, SoftHSM2 token, 64 clients' "$(load_field "$hsm" rate) sign/s")"
+    record "$(printf '  %-44s %10s' 'openssl speed rsa2048, one sign' "$(awk -v r="$single" 'BEGIN { printf "%.0f us", 1e6 / r }')")"
+    record "$(printf '  %-44s %10s  (added by the agent: %s us)' 'agent, key folder, 1 client, round trip' \
+        "$(load_field "$one" mean_us) us" "$added")"
+    record "  (medians of $AGENT_ROUNDS alternating rounds; the load generator runs on the same cores; one TCP"
+    record "   connection per request, audit log on; openssl's single-process figure is per CPU second;"
+    record "   load average at the end: $(cut -d' ' -f1-3 /proc/loadavg))"
+}
+
 case "${BENCH_ONLY:-all}" in
 all)
     make_files
@@ -252,12 +348,14 @@ all)
     bench_conversions
     bench_memory
     bench_build
+    bench_agent
     ;;
 build) make_files && bench_build ;;
 hashing) make_files && bench_hashing ;;
 conversions) bench_conversions ;;
 memory) make_files && bench_memory ;;
-*) die "BENCH_ONLY must be hashing, conversions, memory or build" ;;
+agent) bench_agent ;;
+*) die "BENCH_ONLY must be hashing, conversions, memory, build or agent" ;;
 esac
 
 banner "bench: summary ($(nproc) cores, $(grep -m1 'model name' /proc/cpuinfo | cut -d: -f2 | xargs))"

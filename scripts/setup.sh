@@ -14,7 +14,7 @@ PACKAGES=(
     build-essential cmake ninja-build git
     openssl libssl-dev
     googletest libgtest-dev libbenchmark-dev
-    libcli11-dev nlohmann-json3-dev libp11-dev softhsm2 opensc scdoc
+    libcli11-dev nlohmann-json3-dev libp11-dev softhsm2 opensc scdoc pkg-config
     clang libfuzzer-14-dev libclang-rt-14-dev
     g++-arm-linux-gnueabihf qemu-user
     hyperfine time valgrind

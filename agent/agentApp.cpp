@@ -1,0 +1,144 @@
+// Start-up, check mode, serving and shutdown.
+#include "agentApp.h"
+
+#include <pwd.h>
+#include <signal.h>
+#include <sys/signalfd.h>
+#include <unistd.h>
+
+#include <cerrno>
+#include <cstdlib>
+#include <cstring>
+#include <fstream>
+#include <iostream>
+#include <thread>
+
+#include "agentServer.h"
+#include "keyDirectory.h"
+#include "pinFile.h"
+
+namespace agent {
+namespace {
+
+// SIGTERM and SIGINT arrive through a descriptor the serving loop watches;
+// blocked here, before any thread starts, so every thread inherits the mask.
+int StopSignals()
+{
+    sigset_t stop;
+    sigemptyset(&stop);
+    sigaddset(&stop, SIGTERM);
+    sigaddset(&stop, SIGINT);
+    ::pthread_sigmask(SIG_BLOCK, &stop, nullptr);
+    ::signal(SIGPIPE, SIG_IGN);
+    return ::signalfd(-1, &stop, SFD_CLOEXEC);
+}
+
+bool WritePortFile(const std::string& path, unsigned short port, std::string& error)
+{
+    const std::string temporary = path + ".part";
+    {
+        std::ofstream out(temporary);
+        out << port << '\n';
+        if (!out) {
+            error = "cannot write the port file " + path;
+            return false;
+        }
+    }
+    // Renamed into place, so a reader never sees a half-written number.
+    if (std::rename(temporary.c_str(), path.c_str()) != 0) {
+        error = "cannot write the port file " + path + ": " + std::strerror(errno);
+        return false;
+    }
+    return true;
+}
+
+}  // namespace
+
+int AgentApp::Fail(const std::string& reason)
+{
+    std::cerr << "markforge-agent: " << reason << std::endl;
+    return 1;
+}
+
+int AgentApp::Run(const AgentOptions& options)
+{
+    std::string error;
+    if (!_log.Open(options.auditLog, error)) return Fail(error);
+    if (!LoadKeys(options, error)) return Fail(error);
+    if (_keys.Empty()) return Fail("no keys to serve");
+    return options.check ? Check() : Serve(options);
+}
+
+bool AgentApp::LoadKeys(const AgentOptions& options, std::string& error)
+{
+    if (!options.keyDir.empty()) {
+        std::vector<std::string> skipped;
+        if (!KeyDirectory::Load(options.keyDir, _keys, skipped, error)) return false;
+        for (const auto& file : skipped)
+            _log.Write({{"event", "skipped"}, {"file", file}, {"reason", "not a valid key name"}});
+    }
+    if (!options.pkcs11Module.empty()) {
+        std::string pin;
+        if (!PinFile::Read(options.pinFile, pin, error)) return false;
+        _token = std::make_unique<Pkcs11Token>();
+        const bool opened = _token->Open(options.pkcs11Module, options.token, pin, error);
+        std::fill(pin.begin(), pin.end(), '\0');
+        if (!opened || !_token->AddKeys(_keys, error)) return false;
+    }
+    return true;
+}
+
+int AgentApp::Check() const
+{
+    for (const AgentKey* key : _keys.Keys()) std::cout << key->Name() << ' ' << key->Fingerprint() << '\n';
+    std::cout.flush();
+    return std::cout ? 0 : 1;
+}
+
+bool AgentApp::ResolveUsers(const std::vector<std::string>& names, std::set<uid_t>& uids, std::string& error)
+{
+    for (const auto& name : names) {
+        passwd entry{}, *found = nullptr;
+        char buffer[4096];
+        if (::getpwnam_r(name.c_str(), &entry, buffer, sizeof buffer, &found) == 0 && found) {
+            uids.insert(found->pw_uid);
+            continue;
+        }
+        char* end = nullptr;
+        const unsigned long number = std::strtoul(name.c_str(), &end, 10);
+        if (name.empty() || *end != '\0') {
+            error = "unknown user " + name;
+            return false;
+        }
+        uids.insert(static_cast<uid_t>(number));
+    }
+    return true;
+}
+
+int AgentApp::Serve(const AgentOptions& options)
+{
+    ServerSettings settings;
+    std::string error;
+    if (!ResolveUsers(options.allowUsers, settings.allowedUsers, error)) return Fail(error);
+    settings.port = options.port;
+    settings.workers = options.workers ? options.workers : std::max(1U, std::thread::hardware_concurrency());
+    settings.maxConnections = options.maxConnections;
+    settings.readTimeout = std::chrono::milliseconds(static_cast<long long>(options.readTimeout * 1000));
+
+    const int stopFd = StopSignals();
+    if (stopFd < 0) return Fail(std::string("signalfd: ") + std::strerror(errno));
+    const KeyPolicy policy(options.allowKeys);
+    AgentServer server(settings, _keys, policy, _log);
+    if (!server.Listen(error)) return Fail(error);
+    if (!options.portFile.empty() && !WritePortFile(options.portFile, server.Port(), error)) return Fail(error);
+    _log.Write({{"event", "start"},
+                {"port", server.Port()},
+                {"keys", _keys.Keys().size()},
+                {"workers", settings.workers}});
+    server.Run(stopFd);
+    ::close(stopFd);
+    _log.Write({{"event", "stop"}, {"signed", server.Signed()}, {"refused", server.Refused()}});
+    return 0;
+}
+
+}  // namespace agent

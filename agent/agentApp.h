@@ -1,0 +1,36 @@
+// The agent from start to end: keys, token login, listener, serving until
+// SIGTERM or SIGINT, summary.
+#pragma once
+
+#include <memory>
+#include <set>
+#include <string>
+#include <sys/types.h>
+
+#include "agentOptions.h"
+#include "auditLog.h"
+#include "keyStore.h"
+#include "pkcs11Token.h"
+
+namespace agent {
+
+class AgentApp {
+public:
+    // The exit status: 0 after a clean stop (or a good --check), 1 when the
+    // agent cannot start, with the reason on standard error.
+    int Run(const AgentOptions& options);
+
+private:
+    bool LoadKeys(const AgentOptions& options, std::string& error);
+    int Check() const;
+    int Serve(const AgentOptions& options);
+    static bool ResolveUsers(const std::vector<std::string>& names, std::set<uid_t>& uids, std::string& error);
+    static int Fail(const std::string& reason);
+
+    AuditLog _log;
+    // Declared before the store: the token's keys must go first.
+    std::unique_ptr<Pkcs11Token> _token;
+    KeyStore _keys;
+};
+
+}  // namespace agent

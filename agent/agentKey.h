@@ -1,0 +1,62 @@
+// One signing key as the agent holds it: the private half that signs (in
+// memory or in a PKCS#11 token) and a software copy of the public half that
+// checks every signature before it leaves.
+#pragma once
+
+#include <openssl/evp.h>
+
+#include <cstdint>
+#include <memory>
+#include <mutex>
+#include <string>
+#include <vector>
+
+namespace agent {
+
+struct PkeyFree {
+    void operator()(EVP_PKEY* key) const { EVP_PKEY_free(key); }
+};
+using PkeyPtr = std::unique_ptr<EVP_PKEY, PkeyFree>;
+
+class AgentKey {
+public:
+    // `serial`, when given, is held around every use of the private half
+    // (for tokens whose library is not safe to call from several threads).
+    AgentKey(std::string name, PkeyPtr privateKey, std::shared_ptr<std::mutex> serial = nullptr);
+
+    // False with the reason in `error` when the key is not RSA or its public
+    // half cannot be taken out.
+    bool Prepare(std::string& error);
+
+    // RSA PKCS#1 v1.5 signature over a finished SHA-256/384/512 digest
+    // (named by its length), checked with the public half. False with the
+    // reason in `error`; then no signature is given out.
+    bool Sign(const std::vector<uint8_t>& digest, std::vector<uint8_t>& signature, std::string& error) const;
+
+    const std::string& Name() const { return _name; }
+    // "SHA256:" and the hex SHA-256 of the DER SubjectPublicKeyInfo.
+    const std::string& Fingerprint() const { return _fingerprint; }
+    // The public half as DER SubjectPublicKeyInfo.
+    const std::vector<uint8_t>& PublicDer() const { return _publicDer; }
+
+private:
+    bool SignUnchecked(const EVP_MD* md, const std::vector<uint8_t>& digest, std::vector<uint8_t>& signature) const;
+    bool Verifies(const EVP_MD* md, const std::vector<uint8_t>& digest, const std::vector<uint8_t>& signature) const;
+
+    // Told apart by number, not address, in the per-thread context cache.
+    unsigned long _id;
+    std::string _name;
+    PkeyPtr _private;
+    PkeyPtr _public;
+    std::shared_ptr<std::mutex> _serial;
+    std::vector<uint8_t> _publicDer;
+    std::string _fingerprint;
+};
+
+// The digest named by a finished digest's length, or null.
+const EVP_MD* DigestForLength(size_t length);
+
+// Lower-case hex text of `bytes`.
+std::string HexText(const std::vector<uint8_t>& bytes);
+
+}  // namespace agent

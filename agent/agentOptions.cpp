@@ -1,0 +1,51 @@
+// Command-line parsing with CLI11.
+#include "agentOptions.h"
+
+#include <CLI/CLI.hpp>
+
+
+
+namespace agent {
+
+int AgentOptions::Parse(int argc, char** argv)
+{
+    CLI::App app{"markforge-agent: signs digests for markforge build jobs on 127.0.0.1"};
+    app.set_version_flag("-V,--version", std::string("markforge-agent ") + MARKFORGE_AGENT_VERSION);
+    app.add_option("--key-dir", keyDir, "Folder of NAME.markforge / NAME.pem private keys")
+        ->check(CLI::ExistingDirectory);
+    auto* module = app.add_option("--pkcs11-module", pkcs11Module, "PKCS#11 module holding the keys")
+                       ->check(CLI::ExistingFile);
+    auto* tokenOption = app.add_option("--token", token, "Label of the PKCS#11 token");
+    auto* pin = app.add_option("--pin-file", pinFile, "File holding the token PIN (mode o-rwx), or - for standard input");
+    module->needs(tokenOption)->needs(pin);
+    tokenOption->needs(module);
+    pin->needs(module);
+    app.add_option("--allow-key", allowKeys, "Serve only this key name (repeatable)");
+    app.add_option("--allow-user", allowUsers, "Serve only clients of this user name or uid (repeatable)");
+    app.add_option("--port", port, "TCP port on 127.0.0.1 (0: any free port)")->capture_default_str();
+    app.add_option("--port-file", portFile, "Write the port listened on to this file");
+    app.add_option("--workers", workers, "Signing threads (default: one per core)")->check(CLI::Range(0, 1024));
+    app.add_option("--max-connections", maxConnections, "Open connections at most")
+        ->check(CLI::Range(1, 65536))
+        ->capture_default_str();
+    app.add_option("--read-timeout", readTimeout, "Seconds a client has to send its request")
+        ->check(CLI::Range(0.001, 3600.0))
+        ->capture_default_str();
+    app.add_option("--audit-log", auditLog, "Append the audit log to this file (default: standard error)");
+    app.add_flag("--check", check, "Load the keys, print their names and fingerprints, and exit");
+    try {
+        app.parse(argc, argv);
+    } catch (const CLI::Success& e) {
+        return app.exit(e);
+    } catch (const CLI::ParseError& e) {
+        app.exit(e);
+        return 2;
+    }
+    if (keyDir.empty() && pkcs11Module.empty()) {
+        std::cerr << "markforge-agent: give --key-dir or --pkcs11-module (see --help)\n";
+        return 2;
+    }
+    return -1;
+}
+
+}  // namespace agent

@@ -1,0 +1,30 @@
+// The agent's command line.
+#pragma once
+
+#include <string>
+#include <vector>
+
+namespace agent {
+
+struct AgentOptions {
+    std::string keyDir;
+    std::string pkcs11Module;
+    std::string token;
+    std::string pinFile;  // "-": standard input
+    std::vector<std::string> allowKeys;
+    std::vector<std::string> allowUsers;
+    unsigned short port = 8001;
+    std::string portFile;
+    size_t workers = 0;  // 0: one per core
+    size_t maxConnections = 256;
+    double readTimeout = 5.0;  // seconds
+    std::string auditLog;
+    bool check = false;
+
+    // Parses the command line. Returns -1 to go on, otherwise the exit
+    // status (0 after --help or --version, 2 after a usage error, with the
+    // message printed).
+    int Parse(int argc, char** argv);
+};
+
+}  // namespace agent

@@ -1,0 +1,48 @@
+// The audit log: one JSON line per request or event, on standard error or
+// appended to a file, flushed line by line. Safe to call from any thread.
+#pragma once
+
+#include <cstdio>
+#include <mutex>
+#include <nlohmann/json.hpp>
+#include <string>
+
+namespace agent {
+
+// What the log says about one request.
+struct RequestRecord {
+    unsigned clientPort = 0;
+    long long uid = -1;  // -1: the kernel did not say
+    std::string keyName;
+    std::string fieldF;
+    std::string digestHex;
+    size_t digestLength = 0;
+    bool signedIt = false;
+    std::string reason;  // why it was refused
+    long long microseconds = 0;
+
+    nlohmann::ordered_json ToJson() const;
+};
+
+class AuditLog {
+public:
+    AuditLog() = default;
+    ~AuditLog();
+    AuditLog(const AuditLog&) = delete;
+    AuditLog& operator=(const AuditLog&) = delete;
+
+    // Appends to `path`; empty means standard error. False with the reason
+    // in `error` when the file cannot be opened.
+    bool Open(const std::string& path, std::string& error);
+    // Writes `line` (a "time" member is put first) and flushes.
+    void Write(const nlohmann::ordered_json& line);
+
+    // The current time as UTC ISO 8601 text with microseconds.
+    static std::string Now();
+
+private:
+    std::mutex _mutex;
+    FILE* _file = stderr;
+};
+
+}  // namespace agent

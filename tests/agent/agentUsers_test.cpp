@@ -1,0 +1,128 @@
+// --allow-user: the agent asks the kernel who owns each client's socket and
+// serves only the users named. The other user is a forked child that drops
+// to `nobody` (so these cases need root, as in CI).
+#include <gtest/gtest.h>
+
+#include <pwd.h>
+#include <sys/wait.h>
+#include <unistd.h>
+
+#include <chrono>
+#include <thread>
+
+#include "agentClient.h"
+#include "keyFolderTest.h"
+
+using agenttest::Bytes;
+using agenttest::Pattern;
+
+namespace {
+
+constexpr auto CHILD_TIMEOUT = std::chrono::seconds(30);
+
+// The answer size a client running as `uid` gets for `request` (-1 when the
+// child failed to drop privileges or to talk to the agent).
+long AnswerSizeAs(uid_t uid, gid_t gid, unsigned short port, const Bytes& request)
+{
+    int result[2];
+    if (::pipe(result) != 0) return -1;
+    const pid_t child = ::fork();
+    if (child == 0) {
+        ::close(result[0]);
+        long size = -1;
+        if (::setgid(gid) == 0 && ::setuid(uid) == 0) {
+            agenttest::AgentConnection connection(port);
+            Bytes answer;
+            if (connection.Send(request) && connection.ReadToEnd(answer)) size = static_cast<long>(answer.size());
+        }
+        (void)!::write(result[1], &size, sizeof size);
+        ::_exit(0);
+    }
+    ::close(result[1]);
+    long size = -1;
+    const auto deadline = std::chrono::steady_clock::now() + CHILD_TIMEOUT;
+    int status = 0;
+    while (::waitpid(child, &status, WNOHANG) != child) {
+        if (std::chrono::steady_clock::now() > deadline) {
+            ::kill(child, SIGKILL);
+            ::waitpid(child, &status, 0);
+            break;
+        }
+        std::this_thread::sleep_for(std::chrono::milliseconds(10));
+    }
+    if (::read(result[0], &size, sizeof size) != sizeof size) size = -1;
+    ::close(result[0]);
+    return size;
+}
+
+class AgentUsers : public agenttest::KeyFolderTest {
+protected:
+    void SetUp() override
+    {
+        if (::getuid() != 0) GTEST_SKIP() << "needs root to run a client as another user";
+        const passwd* entry = ::getpwnam("nobody");
+        ASSERT_NE(entry, nullptr);
+        nobodyUid = entry->pw_uid;
+        nobodyGid = entry->pw_gid;
+    }
+
+    void StartAgent(const std::vector<std::string>& users)
+    {
+        std::vector<std::string> args{"--key-dir", Folder()};
+        for (const auto& user : users) args.insert(args.end(), {"--allow-user", user});
+        std::string error;
+        ASSERT_TRUE(agent.Start(args, error)) << error;
+    }
+
+    long AsRoot() { return AnswerSizeAs(0, 0, agent.Port(), request); }
+    long AsNobody() { return AnswerSizeAs(nobodyUid, nobodyGid, agent.Port(), request); }
+
+    nlohmann::json LastRequest() const
+    {
+        EXPECT_TRUE(agent.WaitForRequests(1));
+        const auto lines = agent.Events("request");
+        return lines.empty() ? nlohmann::json() : lines.back();
+    }
+
+    uid_t nobodyUid = 0;
+    gid_t nobodyGid = 0;
+    const Bytes request = agenttest::MakeRequest("dev", Pattern(32), agenttest::Arguments(32));
+};
+
+TEST_F(AgentUsers, EveryUserWithoutTheOption)
+{
+    StartAgent({});
+    EXPECT_EQ(AsNobody(), 256);
+    EXPECT_EQ(LastRequest()["uid"], nobodyUid);
+}
+
+TEST_F(AgentUsers, OtherUserIsRefused)
+{
+    StartAgent({"root"});
+    EXPECT_EQ(AsNobody(), 0);
+    const nlohmann::json line = LastRequest();
+    EXPECT_EQ(line["result"], "refused");
+    EXPECT_EQ(line["reason"], "user not allowed");
+    EXPECT_EQ(line["uid"], nobodyUid);
+    EXPECT_EQ(AsRoot(), 256);
+}
+
+TEST_F(AgentUsers, NamedUserIsServedByNameOrNumber)
+{
+    StartAgent({"nobody"});
+    EXPECT_EQ(AsNobody(), 256);
+    EXPECT_EQ(AsRoot(), 0);
+    agent.Stop();
+    StartAgent({std::to_string(nobodyUid), "root"});
+    EXPECT_EQ(AsNobody(), 256);
+    EXPECT_EQ(AsRoot(), 256);
+}
+
+TEST_F(AgentUsers, UnknownUserNameStopsTheStart)
+{
+    std::string error;
+    EXPECT_FALSE(agent.Start({"--key-dir", Folder(), "--allow-user", "no-such-user-x"}, error));
+    EXPECT_NE(error.find("unknown user no-such-user-x"), std::string::npos) << error;
+}
+
+}  // namespace
