@@ -19,7 +19,7 @@ CONVERT_ROUNDS="${BENCH_CONVERT_ROUNDS:-25}"
 BUILD="$MARKFORGE_ROOT/build-bench"
 
 if [ "${MARKFORGE_SKIP_SETUP:-0}" != 1 ]; then
-    bash "$MARKFORGE_ROOT/scripts/setup.sh"
+    bash "$MARKFORGE_ROOT/scripts/setup.sh" bench
 fi
 
 banner "bench: Release build"

@@ -38,13 +38,39 @@ build_dir() {
     echo "$dir"
 }
 
-# Runs ctest in `dir`, keeping its summary for the closing count.
+# Fails when the tests left anything behind in the run's own TMPDIR, which
+# must be empty again. A markforge-* entry made in /tmp during the run (by a
+# test that ignores TMPDIR) fails it in CI, where no other run shares the
+# machine; elsewhere another worktree's run may have made it, so it is shown.
+check_no_leftovers() {
+    local tmp="$1" since="$2" left stray
+    left="$(find "$tmp" -mindepth 1 -maxdepth 1)"
+    stray="$(find /tmp -mindepth 1 -maxdepth 1 -name 'markforge*' -newer "$since" ! -path "$since")"
+    rm -f "$since"
+    if [ "${CI:-}" = true ]; then left="$left${left:+$'\n'}$stray"; fi
+    if [ -n "$stray" ] && [ "${CI:-}" != true ]; then
+        note "new in /tmp during the run (this run's or another's):" $stray
+    fi
+    if [ -n "$left" ]; then
+        echo "!!! the tests left these behind:" >&2
+        sed 's/^/!!!   /' <<<"$left" >&2
+        return 1
+    fi
+    rmdir "$tmp"
+}
+
+# Runs ctest in `dir`, keeping its summary for the closing count. The tests
+# get an empty TMPDIR of their own, checked afterwards.
 run_ctest() {
     local dir="$1" name="$2"
     shift 2
-    local log="$LOGS/ctest-$name.log" status=0
-    env "$@" ctest --test-dir "$dir" -j "$MARKFORGE_JOBS" --output-on-failure --no-tests=error \
+    local log="$LOGS/ctest-$name.log" status=0 tmp="$dir/test-tmp" since
+    rm -rf "$tmp"
+    mkdir -p "$tmp"
+    since="$(mktemp /tmp/markforge-run-start.XXXXXX)"
+    env TMPDIR="$tmp" "$@" ctest --test-dir "$dir" -j "$MARKFORGE_JOBS" --output-on-failure --no-tests=error \
         2>&1 | tee "$log" || status=$?
+    check_no_leftovers "$tmp" "$since" || status=1
     local summary
     summary="$(grep -E '^[0-9]+% tests passed, [0-9]+ tests? failed out of [0-9]+' "$log" | tail -1 || true)"
     if [ -n "$summary" ]; then
@@ -60,7 +86,7 @@ run_ctest() {
 configure_and_build() {
     local dir="$1"
     shift
-    cmake -S "$MARKFORGE_ROOT" -B "$dir" -G Ninja "$@"
+    cmake -S "$MARKFORGE_ROOT" -B "$dir" -G Ninja -DMARKFORGE_WERROR=ON "$@"
     ninja -C "$dir" -j "$MARKFORGE_JOBS"
 }
 
@@ -150,7 +176,8 @@ main() {
     mkdir -p "$LOGS"
     rm -f "$LOGS"/count-*
     if [ "${MARKFORGE_SKIP_SETUP:-0}" != 1 ]; then
-        bash "$MARKFORGE_ROOT/scripts/setup.sh"
+        # shellcheck disable=SC2086  # one purpose per stage
+        bash "$MARKFORGE_ROOT/scripts/setup.sh" $STAGES
     fi
     for stage in $STAGES; do
         declare -F "stage_$stage" >/dev/null || die "unknown stage '$stage' (native sanitize fuzz arm)"
