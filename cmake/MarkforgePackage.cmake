@@ -78,12 +78,17 @@ foreach(package ${MARKFORGE_LIBRARY_PACKAGES} libmarkforge-dev)
   string(TOUPPER ${package} upper)
   set(CPACK_DEBIAN_${upper}_PACKAGE_MULTIARCH same)
 endforeach()
-# A library package refreshes the loader's cache through dpkg's ldconfig
-# trigger, as Debian's own do; CPack would otherwise write postinst and
-# postrm scripts that call ldconfig themselves.
+# A library package declares its SONAME in a shlibs file and refreshes the
+# loader's cache through dpkg's ldconfig trigger, as Debian's own do. Both
+# are written here: CPack's own shlibs generation would also add postinst
+# and postrm scripts that call ldconfig themselves.
 foreach(package ${MARKFORGE_LIBRARY_PACKAGES})
   string(TOUPPER ${package} upper)
-  set(CPACK_DEBIAN_${upper}_PACKAGE_CONTROL_EXTRA ${PROJECT_SOURCE_DIR}/docs/debian/triggers)
+  string(REGEX REPLACE "${MARKFORGE_SOVERSION}$" "" library ${package})
+  file(WRITE ${PROJECT_BINARY_DIR}/debian/${package}/shlibs
+       "${library} ${MARKFORGE_SOVERSION} ${package} (>= ${PROJECT_VERSION})\n")
+  set(CPACK_DEBIAN_${upper}_PACKAGE_CONTROL_EXTRA
+      ${PROJECT_SOURCE_DIR}/docs/debian/triggers ${PROJECT_BINARY_DIR}/debian/${package}/shlibs)
 endforeach()
 set(CPACK_DEBIAN_PACKAGE_CONTROL_STRICT_PERMISSION ON)
 
@@ -98,7 +103,5 @@ set(CPACK_DEBIAN_PACKAGE_PRIORITY optional)
 set(CPACK_DEBIAN_PACKAGE_HOMEPAGE "https://markforge.example.org/")
 set(CPACK_DEB_COMPONENT_INSTALL ON)
 set(CPACK_STRIP_FILES ON)
-set(CPACK_DEBIAN_PACKAGE_GENERATE_SHLIBS ON)
-set(CPACK_DEBIAN_PACKAGE_GENERATE_SHLIBS_POLICY ">=")
 set(CPACK_PACKAGE_DIRECTORY ${PROJECT_BINARY_DIR}/packages)
 include(CPack)
