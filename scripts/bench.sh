@@ -23,7 +23,7 @@ if [ "${MARKFORGE_SKIP_SETUP:-0}" != 1 ]; then
 fi
 
 banner "bench: Release build"
-cmake -S "$MARKFORGE_ROOT" -B "$BUILD" -G Ninja -DCMAKE_BUILD_TYPE=Release -DMARKFORGE_BENCH=ON \
+cmake -S "$MARKFORGE_ROOT" -B "$BUILD" -G Ninja -DCMAKE_BUILD_TYPE=Release -DMARKFORGE_WERROR=ON -DMARKFORGE_BENCH=ON \
     -DMARKFORGE_TESTS=OFF >/dev/null
 ninja -C "$BUILD" -j "$MARKFORGE_JOBS" recaster hash_bench
 RECASTER="$BUILD/bin/recaster"
