@@ -1,7 +1,14 @@
-# Warning policy for our own targets, and the one narrow exemption we make.
+# Warning policy for our own targets, and the narrow exemptions we make.
+
+# Off for people building the project, whose compiler may know warnings ours
+# does not; the project's scripts and CI turn it on.
+option(MARKFORGE_WERROR "Treat compiler warnings as errors" OFF)
 
 function(markforge_warnings target)
-  target_compile_options(${target} PRIVATE -Wall -Wextra -Werror)
+  target_compile_options(${target} PRIVATE -Wall -Wextra)
+  if(MARKFORGE_WERROR)
+    target_compile_options(${target} PRIVATE -Werror)
+  endif()
   # Trail entries carry source paths relative to the repository root, never
   # the build machine's absolute path.
   target_compile_options(${target} PRIVATE "-fmacro-prefix-map=${PROJECT_SOURCE_DIR}/=")
@@ -18,5 +25,16 @@ endfunction()
 # SubjectPublicKeyInfo layout those calls define), so only the translation
 # units that make them may silence the deprecation warning.
 function(markforge_allow_deprecated_rsa)
-  set_source_files_properties(${ARGN} PROPERTIES COMPILE_OPTIONS "-Wno-deprecated-declarations")
+  set_property(SOURCE ${ARGN} APPEND PROPERTY COMPILE_OPTIONS "-Wno-deprecated-declarations")
+endfunction()
+
+# GCC 12 at -O3 (Release) inlines libstdc++'s vector::insert into a few test
+# helpers that append to a vector of one or two bytes, then reports the
+# memcpy it cannot prove fits as out of bounds (the same false alarm as in
+# the ARM build above; fixed in GCC 13). In the files named here it stays a
+# warning instead of an error; every other warning still fails the build.
+function(markforge_allow_gcc12_insert_false_alarm)
+  if(CMAKE_CXX_COMPILER_ID STREQUAL "GNU" AND CMAKE_CXX_COMPILER_VERSION VERSION_LESS 13)
+    set_property(SOURCE ${ARGN} APPEND PROPERTY COMPILE_OPTIONS "-Wno-error=array-bounds")
+  endif()
 endfunction()

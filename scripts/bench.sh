@@ -26,11 +26,11 @@ CONVERT_ROUNDS="${BENCH_CONVERT_ROUNDS:-25}"
 BUILD="$MARKFORGE_ROOT/build-bench"
 
 if [ "${MARKFORGE_SKIP_SETUP:-0}" != 1 ]; then
-    bash "$MARKFORGE_ROOT/scripts/setup.sh"
+    bash "$MARKFORGE_ROOT/scripts/setup.sh" bench
 fi
 
 banner "bench: Release build"
-cmake -S "$MARKFORGE_ROOT" -B "$BUILD" -G Ninja -DCMAKE_BUILD_TYPE=Release -DMARKFORGE_BENCH=ON \
+cmake -S "$MARKFORGE_ROOT" -B "$BUILD" -G Ninja -DCMAKE_BUILD_TYPE=Release -DMARKFORGE_WERROR=ON -DMARKFORGE_BENCH=ON \
     -DMARKFORGE_TESTS=OFF >/dev/null
 ninja -C "$BUILD" -j "$MARKFORGE_JOBS" recaster hash_bench markforge_program keydir markforge-agent agent_load
 RECASTER="$BUILD/bin/recaster"

@@ -9,11 +9,11 @@ source "$(dirname "${BASH_SOURCE[0]}")/lib.sh"
 cd "$MARKFORGE_ROOT"
 
 if [ "${MARKFORGE_SKIP_SETUP:-0}" != 1 ]; then
-    bash scripts/setup.sh
+    bash scripts/setup.sh demo
 fi
 
 banner "build recaster (Release) in build-demo/"
-cmake -S . -B build-demo -G Ninja -DCMAKE_BUILD_TYPE=Release -DMARKFORGE_TESTS=OFF >/dev/null
+cmake -S . -B build-demo -G Ninja -DCMAKE_BUILD_TYPE=Release -DMARKFORGE_TESTS=OFF -DMARKFORGE_WERROR=ON >/dev/null
 ninja -C build-demo -j "$MARKFORGE_JOBS" recaster
 
 RECASTER=build-demo/bin/recaster

@@ -1,43 +1,70 @@
 #!/usr/bin/env bash
-# Installs what a fresh Debian 12 machine lacks to build, test, fuzz,
-# cross-build and benchmark markforge, and unpacks the armhf OpenSSL files
-# that the 32-bit ARM build links against.
+# Installs what a fresh Debian 12 machine lacks for one or more purposes, and
+# for the 32-bit ARM build unpacks the armhf OpenSSL files it links against.
 #
-#   bash scripts/setup.sh                 packages, then the ARM sysroot (a
-#                                         sysroot failure is reported, not fatal)
-#   bash scripts/setup.sh --arm-sysroot   only the ARM sysroot; fails when it
-#                                         cannot be had
+#   bash scripts/setup.sh [PURPOSE...]    default: test
+#
+#   demo      compiler, CMake, Ninja, OpenSSL: what scripts/demo.sh needs
+#   native    demo + GoogleTest, Google Benchmark, scdoc, man-db, python3 and
+#             the other programs' libraries: the native and sanitize stages
+#   sanitize  the same as native
+#   fuzz      clang and libFuzzer
+#   arm       the ARM cross compiler, qemu-user, GoogleTest's sources and the
+#             armhf OpenSSL sysroot
+#   package   dpkg-dev, lintian, file: building and checking the .deb files
+#   bench     Google Benchmark, hyperfine, GNU time, valgrind
+#   test      every test stage: native sanitize fuzz arm package
+#   --arm-sysroot   only the armhf OpenSSL sysroot
+#
+# The machine's apt set-up is left as it was: the armhf packages are fetched
+# through a private apt configuration and state folder under .cache/, never
+# by adding armhf to dpkg's architectures. A step that fails says so and
+# stops the script.
 set -euo pipefail
 source "$(dirname "${BASH_SOURCE[0]}")/lib.sh"
 
-PACKAGES=(
-    build-essential cmake ninja-build git
-    openssl libssl-dev
+# What each purpose installs, beyond what the ones it builds on install.
+DEMO_PACKAGES=(build-essential cmake ninja-build openssl libssl-dev)
+NATIVE_PACKAGES=(
+    "${DEMO_PACKAGES[@]}" pkg-config
     googletest libgtest-dev libbenchmark-dev
-    libcli11-dev nlohmann-json3-dev libp11-dev softhsm2 opensc scdoc pkg-config
-    clang libfuzzer-14-dev libclang-rt-14-dev
-    g++-arm-linux-gnueabihf qemu-user
-    hyperfine time valgrind
+    scdoc man-db python3 bash-completion
+    libcli11-dev nlohmann-json3-dev libp11-dev softhsm2 opensc
 )
+FUZZ_PACKAGES=("${DEMO_PACKAGES[@]}" clang libfuzzer-14-dev libclang-rt-14-dev)
+ARM_PACKAGES=("${DEMO_PACKAGES[@]}" googletest g++-arm-linux-gnueabihf qemu-user)
+PACKAGE_PACKAGES=("${NATIVE_PACKAGES[@]}" dpkg-dev lintian file)
+BENCH_PACKAGES=("${DEMO_PACKAGES[@]}" libbenchmark-dev hyperfine time valgrind)
+
+# The private apt folder for the armhf download: its own package lists,
+# cache and (empty) dpkg status, with armhf as its only architecture.
+ARM_APT="$MARKFORGE_ROOT/.cache/apt-armhf"
+ARM_DEBS=(libssl-dev libssl3)
 
 export DEBIAN_FRONTEND=noninteractive
 APT_UPDATED=0
 
 apt_update() {
-    if [ "$APT_UPDATED" -eq 0 ]; then
-        note "apt-get update"
-        as_root apt-get update -qq || return 1
-        APT_UPDATED=1
+    [ "$APT_UPDATED" -eq 0 ] || return 0
+    note "apt-get update"
+    if ! as_root apt-get update -qq; then
+        if dpkg --print-foreign-architectures | grep -qx armhf; then
+            note "armhf is one of dpkg's architectures (an earlier set-up added it); when no armhf"
+            note "package is installed, 'dpkg --remove-architecture armhf' undoes that"
+        fi
+        die "apt-get update failed"
     fi
+    APT_UPDATED=1
 }
 
 is_installed() {
     dpkg-query -W -f='${Status}' "$1" 2>/dev/null | grep -q 'install ok installed'
 }
 
+# Installs the packages named that are not installed yet.
 install_packages() {
-    local missing=()
-    for package in "${PACKAGES[@]}"; do
+    local missing=() package
+    for package in "$@"; do
         is_installed "$package" || missing+=("$package")
     done
     if [ "${#missing[@]}" -eq 0 ]; then
@@ -45,10 +72,9 @@ install_packages() {
         return 0
     fi
     note "installing: ${missing[*]}"
-    # An update failure for a foreign architecture's lists must not stop the
-    # native packages, which the next command would then report themselves.
-    apt_update || note "apt-get update reported errors; trying the install anyway"
-    as_root apt-get install -y -qq --no-install-recommends "${missing[@]}"
+    apt_update
+    as_root apt-get install -y -qq --no-install-recommends "${missing[@]}" >/dev/null ||
+        die "apt-get install ${missing[*]} failed"
 }
 
 sysroot_complete() {
@@ -58,63 +84,125 @@ sysroot_complete() {
         [ -f "$MARKFORGE_ARM_SYSROOT/usr/lib/arm-linux-gnueabihf/libcrypto.so.3" ]
 }
 
-# There is no armhf libssl to install beside the native one without
-# multi-arch conflicts, so the two packages are only downloaded and unpacked
-# into a folder of our own.
-fetch_arm_sysroot() {
-    if sysroot_complete; then
-        note "ARM sysroot present: $MARKFORGE_ARM_SYSROOT"
+# apt-get and apt-cache on the private armhf state; the machine's sources
+# and keys are read, nothing of the machine's is written.
+arm_apt() {
+    local tool="$1"
+    shift
+    "$tool" -q -o Dir::State="$ARM_APT/state" -o Dir::State::status="$ARM_APT/state/status" \
+        -o Dir::Cache="$ARM_APT/cache" -o APT::Architecture=armhf -o APT::Architectures=armhf \
+        -o Debug::NoLocking=true -o APT::Sandbox::User=root "$@"
+}
+
+# Fetches the armhf package lists. A mirror whose armhf index is out of step
+# with its Release file fails one list (often the security archive's) while
+# the others arrive; the download then goes on with those, and says so.
+update_arm_lists() {
+    note "apt-get update (armhf lists, private to $ARM_APT)"
+    if arm_apt apt-get update -qq >"$ARM_APT/update.log" 2>&1; then
         return 0
     fi
-    if ! dpkg --print-foreign-architectures | grep -qx armhf; then
-        note "dpkg --add-architecture armhf"
-        as_root dpkg --add-architecture armhf || {
-            echo "!!! could not add the armhf architecture to dpkg" >&2
-            return 1
-        }
+    local url
+    for url in $(sed -n 's/.*Failed to fetch \([^ ]*\).*/\1/p' "$ARM_APT/update.log"); do
+        note "not fetched (mirror out of step?): $url"
+    done
+}
+
+# The version of the armhf packages to fetch: the native libssl-dev's when
+# the armhf lists offer it, else their candidate (said so).
+arm_openssl_version() {
+    local native offered
+    native="$(dpkg-query -W -f='${Version}' libssl-dev 2>/dev/null || true)"
+    if [ -n "$native" ] && arm_apt apt-cache madison libssl-dev | awk '{print $3}' | grep -qxF "$native"; then
+        echo "$native"
+        return 0
     fi
-    if ! apt-cache show libssl-dev:armhf >/dev/null 2>&1 || ! apt-cache show libssl3:armhf >/dev/null 2>&1; then
-        APT_UPDATED=0
-        apt_update || echo "!!! apt-get update failed with armhf enabled (mirrors out of step?)" >&2
-        if ! apt-cache show libssl-dev:armhf >/dev/null 2>&1; then
-            echo "!!! the armhf package lists do not offer libssl-dev:armhf" >&2
-            return 1
-        fi
+    offered="$(arm_apt apt-cache policy libssl-dev | sed -n 's/^ *Candidate: //p')"
+    [ -n "$offered" ] && [ "$offered" != "(none)" ] || return 1
+    note "the armhf lists do not offer OpenSSL ${native:-?} (the native one); using $offered" >&2
+    echo "$offered"
+}
+
+# The Debian version of the OpenSSL packages unpacked in the sysroot.
+SYSROOT_STAMP_NAME=".debian-version"
+
+sysroot_version() {
+    cat "$MARKFORGE_ARM_SYSROOT/$SYSROOT_STAMP_NAME" 2>/dev/null || true
+}
+
+# The armhf libssl cannot be installed beside the native one without
+# multi-arch, so the two packages are only downloaded and unpacked into a
+# folder of our own.
+fetch_arm_sysroot() {
+    local native
+    native="$(dpkg-query -W -f='${Version}' libssl-dev 2>/dev/null || true)"
+    if sysroot_complete && [ -n "$native" ] && [ "$(sysroot_version)" = "$native" ]; then
+        note "ARM sysroot present: $MARKFORGE_ARM_SYSROOT (OpenSSL $native, as the native one)"
+        return 0
     fi
-    local download
-    download="$(mktemp -d)"
-    chmod 777 "$download"  # apt's download user must be able to write here
-    note "apt-get download libssl-dev:armhf libssl3:armhf"
-    if ! (cd "$download" && apt-get download -qq libssl-dev:armhf libssl3:armhf); then
-        rm -rf "$download"
-        echo "!!! apt-get download of the armhf OpenSSL packages failed" >&2
-        return 1
+    mkdir -p "$ARM_APT/state/lists/partial" "$ARM_APT/cache/archives/partial" "$ARM_APT/download"
+    : >"$ARM_APT/state/status"
+    update_arm_lists
+    local version
+    version="$(arm_openssl_version)" || {
+        sed 's/^/    /' "$ARM_APT/update.log" >&2
+        die "the armhf package lists offer no libssl-dev"
+    }
+    if sysroot_complete && [ "$(sysroot_version)" = "$version" ]; then
+        note "ARM sysroot present: $MARKFORGE_ARM_SYSROOT (OpenSSL $version)"
+        return 0
     fi
+    rm -f "$ARM_APT/download"/*.deb
+    note "apt-get download ${ARM_DEBS[*]} (armhf, $version)"
+    (cd "$ARM_APT/download" && arm_apt apt-get download -qq "${ARM_DEBS[@]/%/=$version}") ||
+        die "apt-get download of the armhf OpenSSL packages failed"
     rm -rf "$MARKFORGE_ARM_SYSROOT"
     mkdir -p "$MARKFORGE_ARM_SYSROOT"
-    for deb in "$download"/*.deb; do
+    local deb
+    for deb in "$ARM_APT/download"/*.deb; do
         note "unpacking $(basename "$deb")"
         dpkg -x "$deb" "$MARKFORGE_ARM_SYSROOT"
     done
-    rm -rf "$download"
-    if ! sysroot_complete; then
-        echo "!!! the unpacked armhf OpenSSL files are incomplete in $MARKFORGE_ARM_SYSROOT" >&2
-        return 1
-    fi
-    note "ARM sysroot ready: $MARKFORGE_ARM_SYSROOT"
+    sysroot_complete || die "the unpacked armhf OpenSSL files are incomplete in $MARKFORGE_ARM_SYSROOT"
+    echo "$version" >"$MARKFORGE_ARM_SYSROOT/$SYSROOT_STAMP_NAME"
+    note "ARM sysroot ready: $MARKFORGE_ARM_SYSROOT (OpenSSL $version)"
+}
+
+# Adds the packages of one purpose to WANTED.
+WANTED=()
+want_packages_for() {
+    case "$1" in
+    demo) WANTED+=("${DEMO_PACKAGES[@]}") ;;
+    native | sanitize) WANTED+=("${NATIVE_PACKAGES[@]}") ;;
+    fuzz) WANTED+=("${FUZZ_PACKAGES[@]}") ;;
+    arm) WANTED+=("${ARM_PACKAGES[@]}") ;;
+    package) WANTED+=("${PACKAGE_PACKAGES[@]}") ;;
+    bench) WANTED+=("${BENCH_PACKAGES[@]}") ;;
+    *) die "unknown set-up purpose '$1' (demo native sanitize fuzz arm package bench test --arm-sysroot)" ;;
+    esac
 }
 
 main() {
-    if [ "${1:-}" = "--arm-sysroot" ]; then
-        fetch_arm_sysroot || die "no armhf OpenSSL sysroot: the 32-bit ARM build cannot be made"
+    local purposes=("$@")
+    [ "${#purposes[@]}" -gt 0 ] || purposes=(test)
+    if [ "${purposes[*]}" = "--arm-sysroot" ]; then
+        fetch_arm_sysroot
         return 0
     fi
-    banner "setup: packages"
-    install_packages
-    banner "setup: armhf OpenSSL sysroot"
-    if ! fetch_arm_sysroot; then
-        echo "!!! WARNING: no armhf OpenSSL sysroot; the ARM build and test stage will fail." >&2
-        echo "!!! Retry later with: bash scripts/setup.sh --arm-sysroot" >&2
+    local expanded=() purpose
+    for purpose in "${purposes[@]}"; do
+        if [ "$purpose" = test ]; then expanded+=(native sanitize fuzz arm package); else expanded+=("$purpose"); fi
+    done
+    for purpose in "${expanded[@]}"; do
+        want_packages_for "$purpose"
+    done
+    banner "setup: packages for ${expanded[*]}"
+    local unique
+    mapfile -t unique < <(printf '%s\n' "${WANTED[@]}" | sort -u)
+    install_packages "${unique[@]}"
+    if printf '%s\n' "${expanded[@]}" | grep -qx arm; then
+        banner "setup: armhf OpenSSL sysroot"
+        fetch_arm_sysroot
     fi
 }
 

@@ -4,16 +4,19 @@
 #   sanitize  AddressSanitizer + UndefinedBehaviorSanitizer build, whole suite
 #   fuzz      clang + libFuzzer build, each fuzz target for FUZZ_SECONDS
 #   arm       32-bit ARM cross build, whole suite under qemu-arm
+#   package   Release build for /usr with the whole suite, Debian packages
+#             for amd64 and armhf, lintian, then the amd64 ones installed,
+#             used and removed, the armhf programs run under qemu-arm
 #
 # Environment:
-#   MARKFORGE_STAGES      stages to run, in order (default "native sanitize fuzz arm")
+#   MARKFORGE_STAGES      stages to run, in order (default "native sanitize fuzz arm package")
 #   FUZZ_SECONDS          seconds per fuzz target (default 60)
 #   MARKFORGE_CLEAN=1     remove each stage's build folder first
 #   MARKFORGE_SKIP_SETUP=1  do not run scripts/setup.sh
 set -euo pipefail
 source "$(dirname "${BASH_SOURCE[0]}")/lib.sh"
 
-STAGES="${MARKFORGE_STAGES:-native sanitize fuzz arm}"
+STAGES="${MARKFORGE_STAGES:-native sanitize fuzz arm package}"
 FUZZ_SECONDS="${FUZZ_SECONDS:-60}"
 FUZZ_TARGETS=(header_fuzz der_sig_fuzz hex_string_fuzz key_file_fuzz pem_key_fuzz public_key_fuzz build_words_fuzz
     sign_request_fuzz)
@@ -39,13 +42,39 @@ build_dir() {
     echo "$dir"
 }
 
-# Runs ctest in `dir`, keeping its summary for the closing count.
+# Fails when the tests left anything behind in the run's own TMPDIR, which
+# must be empty again. A markforge-* entry made in /tmp during the run (by a
+# test that ignores TMPDIR) fails it in CI, where no other run shares the
+# machine; elsewhere another worktree's run may have made it, so it is shown.
+check_no_leftovers() {
+    local tmp="$1" since="$2" left stray
+    left="$(find "$tmp" -mindepth 1 -maxdepth 1)"
+    stray="$(find /tmp -mindepth 1 -maxdepth 1 -name 'markforge*' -newer "$since" ! -path "$since")"
+    rm -f "$since"
+    if [ "${CI:-}" = true ]; then left="$left${left:+$'\n'}$stray"; fi
+    if [ -n "$stray" ] && [ "${CI:-}" != true ]; then
+        note "new in /tmp during the run (this run's or another's):" $stray
+    fi
+    if [ -n "$left" ]; then
+        echo "!!! the tests left these behind:" >&2
+        sed 's/^/!!!   /' <<<"$left" >&2
+        return 1
+    fi
+    rmdir "$tmp"
+}
+
+# Runs ctest in `dir`, keeping its summary for the closing count. The tests
+# get an empty TMPDIR of their own, checked afterwards.
 run_ctest() {
     local dir="$1" name="$2"
     shift 2
-    local log="$LOGS/ctest-$name.log" status=0
-    env "$@" ctest --test-dir "$dir" -j "$MARKFORGE_JOBS" --output-on-failure --no-tests=error \
+    local log="$LOGS/ctest-$name.log" status=0 tmp="$dir/test-tmp" since
+    rm -rf "$tmp"
+    mkdir -p "$tmp"
+    since="$(mktemp /tmp/markforge-run-start.XXXXXX)"
+    env TMPDIR="$tmp" "$@" ctest --test-dir "$dir" -j "$MARKFORGE_JOBS" --output-on-failure --no-tests=error \
         2>&1 | tee "$log" || status=$?
+    check_no_leftovers "$tmp" "$since" || status=1
     local summary
     summary="$(grep -E '^[0-9]+% tests passed, [0-9]+ tests? failed out of [0-9]+' "$log" | tail -1 || true)"
     if [ -n "$summary" ]; then
@@ -61,7 +90,7 @@ run_ctest() {
 configure_and_build() {
     local dir="$1"
     shift
-    cmake -S "$MARKFORGE_ROOT" -B "$dir" -G Ninja "$@"
+    cmake -S "$MARKFORGE_ROOT" -B "$dir" -G Ninja -DMARKFORGE_WERROR=ON "$@"
     ninja -C "$dir" -j "$MARKFORGE_JOBS"
 }
 
@@ -147,14 +176,149 @@ stage_arm() {
     run_ctest "$dir" arm
 }
 
+# Debian's compiler and linker flags for packages (hardening), for the
+# architecture given, as cmake reads them from the environment. Its file
+# path mapping is left out: ours (cmake/MarkforgeWarnings.cmake) already
+# makes the paths in error trails relative, and the two together would
+# turn recaster/x.cpp into ./recaster/x.cpp.
+debian_build_flags() {
+    local arch="$1" cc="$2"
+    export DEB_BUILD_MAINT_OPTIONS="reproducible=-fixfilepath"
+    local cppflags
+    cppflags="$(DEB_HOST_ARCH="$arch" CC="$cc" dpkg-buildflags --get CPPFLAGS 2>/dev/null)"
+    echo "CFLAGS=$(DEB_HOST_ARCH="$arch" CC="$cc" dpkg-buildflags --get CFLAGS 2>/dev/null) $cppflags"
+    echo "CXXFLAGS=$(DEB_HOST_ARCH="$arch" CC="$cc" dpkg-buildflags --get CXXFLAGS 2>/dev/null) $cppflags"
+    echo "LDFLAGS=$(DEB_HOST_ARCH="$arch" CC="$cc" dpkg-buildflags --get LDFLAGS 2>/dev/null)"
+}
+
+# Configures and builds a tree that installs into /usr, as a Debian package
+# does, then makes its packages and has lintian judge them: errors fail,
+# warnings are shown.
+build_packages() {
+    local dir="$1" arch="$2" cc="$3"
+    shift 3
+    local flags=()
+    mapfile -t flags < <(debian_build_flags "$arch" "$cc")
+    # cmake reads the flags' variables only into a new cache.
+    rm -f "$dir/CMakeCache.txt"
+    env "${flags[@]}" cmake -S "$MARKFORGE_ROOT" -B "$dir" -G Ninja -DMARKFORGE_WERROR=ON \
+        -DCMAKE_BUILD_TYPE=Release -DCMAKE_INSTALL_PREFIX=/usr -DMARKFORGE_RELOCATABLE=OFF \
+        -DMARKFORGE_MAN_PAGES=ON "$@"
+    ninja -C "$dir" -j "$MARKFORGE_JOBS"
+}
+
+make_debs() {
+    local dir="$1"
+    rm -rf "$dir/packages"
+    (cd "$dir" && cpack -G DEB >"$LOGS/cpack-$(basename "$dir").log")
+    note "packages: $(cd "$dir/packages" && echo ./*.deb)"
+    local report
+    report="$(lintian --tag-display-limit 0 "$dir"/packages/*.deb 2>&1 | grep -v 'running with root privileges' || true)"
+    [ -z "$report" ] || sed 's/^/  lintian| /' <<<"$report"
+    ! grep -q '^E:' <<<"$report" || die "lintian reports errors"
+}
+
+# `man recaster` opens the installed page. A machine whose dpkg leaves out
+# man pages (path-exclude, as in Debian's container images) has none to
+# open; there the page is read from the package itself, and that is said.
+check_installed_man_page() {
+    local dir="$1" work="$2"
+    if [ -e /usr/share/man/man1/recaster.1.gz ]; then
+        MANWIDTH=80 man recaster 2>/dev/null | grep -q '^EXIT STATUS' || die "man recaster does not open"
+        return 0
+    fi
+    grep -qs '^path-exclude[= ]/usr/share/man' /etc/dpkg/dpkg.cfg.d/* || die "the man page was not installed"
+    note "dpkg here leaves out man pages (path-exclude); reading the page from the package"
+    dpkg-deb -x "$dir"/packages/markforge-tools_*.deb "$work/deb"
+    MANWIDTH=80 man -l "$work/deb/usr/share/man/man1/recaster.1.gz" 2>/dev/null | grep -q '^EXIT STATUS' ||
+        die "the packaged man page does not open"
+}
+
+# Installs the amd64 packages on this machine, uses recaster from /usr/bin
+# and its man page, removes the packages and checks their files are gone.
+check_installed_debs() {
+    local dir="$1" work="$1/installed-check"
+    local packages=(markforge-tools libmarkforge-dev libmarkforge1 libgridview1 liblockbase1)
+    as_root dpkg -i "$dir"/packages/*.deb >/dev/null
+    local files
+    files="$(dpkg -L "${packages[@]}" | sort -u)"
+    rm -rf "$work"
+    mkdir -p "$work"
+    local status=0
+    # A subshell, so that a failed check still reaches the removal below.
+    (
+        [ "$(command -v recaster)" = /usr/bin/recaster ] || die "recaster is not /usr/bin/recaster"
+        /usr/bin/recaster --version | head -n 1 | grep -qx "recaster 1.1.0" || die "/usr/bin/recaster --version"
+        /usr/bin/recaster --convertkey -i "$MARKFORGE_ROOT/samples/rsa2048-public.pem" -o "$work/key.markforge" \
+            -I pem -O markforge >/dev/null || die "/usr/bin/recaster conversion failed"
+        cmp -s "$work/key.markforge" "$MARKFORGE_ROOT/samples/rsa2048-public.markforge" ||
+            die "/usr/bin/recaster wrote a different key file"
+        check_installed_man_page "$dir" "$work"
+        note "/usr/bin/recaster --version, a conversion and 'man recaster' work"
+    ) || status=$?
+    as_root dpkg -r "${packages[@]}" >/dev/null
+    rm -rf "$work"
+    local left=() file
+    while read -r file; do
+        if [ -f "$file" ] || [ -L "$file" ]; then left+=("$file"); fi
+    done <<<"$files"
+    [ "${#left[@]}" -eq 0 ] || die "dpkg -r left files behind: ${left[*]}"
+    note "dpkg -r removed every file of the packages"
+    return "$status"
+}
+
+# Unpacks the armhf packages and runs their recaster under qemu-arm with the
+# packages' own libraries (and the sysroot's armhf OpenSSL).
+check_armhf_debs() {
+    local dir="$1" root="$1/unpacked"
+    rm -rf "$root"
+    mkdir -p "$root"
+    local deb
+    for deb in "$dir"/packages/*_armhf.deb; do dpkg -x "$deb" "$root"; done
+    local program
+    for program in "$root"/usr/bin/* "$root"/usr/lib/arm-linux-gnueabihf/lib*.so.*.*.*; do
+        [ "$(elf_machine "$program")" = 40 ] || die "$program is not 32-bit ARM"
+    done
+    local libs="$root/usr/lib/arm-linux-gnueabihf:$MARKFORGE_ARM_SYSROOT/usr/lib/arm-linux-gnueabihf"
+    local run=(qemu-arm -L /usr/arm-linux-gnueabihf -E "LD_LIBRARY_PATH=$libs" "$root/usr/bin/recaster")
+    "${run[@]}" --version | head -n 1 | grep -qx "recaster 1.1.0" || die "armhf recaster --version"
+    "${run[@]}" --convertkey -i "$MARKFORGE_ROOT/samples/rsa2048-public.pem" -o "$root/key.markforge" \
+        -I pem -O markforge >/dev/null || die "armhf recaster conversion failed"
+    cmp -s "$root/key.markforge" "$MARKFORGE_ROOT/samples/rsa2048-public.markforge" ||
+        die "armhf recaster wrote a different key file"
+    rm -rf "$root"
+    note "armhf programs and libraries are 32-bit ARM; recaster runs under qemu-arm with the packages' libraries"
+}
+
+stage_package() {
+    local dir arm
+    dir="$(build_dir package)"
+    build_packages "$dir" amd64 gcc -DMARKFORGE_EXPECTED_POINTER_SIZE=8
+    run_ctest "$dir" package
+    make_debs "$dir"
+    check_installed_debs "$dir"
+
+    bash "$MARKFORGE_ROOT/scripts/setup.sh" --arm-sysroot
+    arm="$(build_dir package-arm)"
+    # Debian's multiarch library folder, which GNUInstallDirs picks by itself
+    # only for native builds.
+    build_packages "$arm" armhf arm-linux-gnueabihf-gcc -DMARKFORGE_TESTS=OFF \
+        -DCMAKE_INSTALL_LIBDIR=lib/arm-linux-gnueabihf \
+        -DCMAKE_TOOLCHAIN_FILE="$MARKFORGE_ROOT/cmake/arm-linux-gnueabihf.cmake" \
+        -DMARKFORGE_ARM_SYSROOT="$MARKFORGE_ARM_SYSROOT"
+    make_debs "$arm"
+    check_armhf_debs "$arm"
+}
+
 main() {
     mkdir -p "$LOGS"
     rm -f "$LOGS"/count-*
     if [ "${MARKFORGE_SKIP_SETUP:-0}" != 1 ]; then
-        bash "$MARKFORGE_ROOT/scripts/setup.sh"
+        # shellcheck disable=SC2086  # one purpose per stage
+        bash "$MARKFORGE_ROOT/scripts/setup.sh" $STAGES
     fi
     for stage in $STAGES; do
-        declare -F "stage_$stage" >/dev/null || die "unknown stage '$stage' (native sanitize fuzz arm)"
+        declare -F "stage_$stage" >/dev/null || die "unknown stage '$stage' (native sanitize fuzz arm package)"
     done
 
     local results=() overall=0

@@ -3,7 +3,10 @@
 # with no library path set: it must find liblockbase and libgridview through
 # its own RUNPATH. The binary in the build folder, which has the same layout,
 # must do the same.
-# Usage: install_check.sh <cmake> <build folder> <built recaster> <lib folder name> [emulator...]
+# A tree built with MARKFORGE_RELOCATABLE=OFF (for the system's library
+# folder, as in the Debian packages) must instead carry no RUNPATH at all once
+# installed; its installed recaster is run with the library path set.
+# Usage: install_check.sh <cmake> <build folder> <built recaster> <lib folder name> <ON|OFF relocatable> [emulator...]
 # In a cross build the emulator's words follow; the programs then run under it
 # and the loader's view of the libraries is not checked.
 set -u
@@ -11,7 +14,8 @@ cmake=$1
 build=$2
 built=$3
 libdir=$4
-shift 4
+relocatable=$5
+shift 5
 
 prefix=$(mktemp -d "${TMPDIR:-/tmp}/markforge-install-XXXXXX") || exit 1
 trap 'rm -rf "$prefix"' EXIT
@@ -21,12 +25,18 @@ fail() {
     exit 1
 }
 
-# <binary> <where> [emulator...]: --version exits 0 and starts with the tool's own line.
+# <binary> <where> <library path or ""> [emulator...]: --version exits 0 and
+# starts with the tool's own line.
 check_version() {
     binary=$1
     where=$2
-    shift 2
-    out=$(env -u LD_LIBRARY_PATH "$@" "$binary" --version 2>&1)
+    path=$3
+    shift 3
+    if [ -n "$path" ]; then
+        out=$(env LD_LIBRARY_PATH="$path" "$@" "$binary" --version 2>&1)
+    else
+        out=$(env -u LD_LIBRARY_PATH "$@" "$binary" --version 2>&1)
+    fi
     status=$?
     [ "$status" -eq 0 ] || fail "$where recaster --version exited with $status: $out"
     first=$(printf '%s\n' "$out" | head -n 1)
@@ -37,7 +47,7 @@ check_version() {
 check_libraries_in() {
     libs=$(env -u LD_LIBRARY_PATH ldd "$1") || fail "ldd $1"
     folder=$(readlink -f "$2")
-    for lib in liblockbase.so libgridview.so; do
+    for lib in liblockbase.so.1 libgridview.so.1; do
         path=$(printf '%s\n' "$libs" | awk -v lib="$lib" '$1 == lib { print $3 }')
         [ -z "$path" ] || path=$(readlink -f "$path")
         case "$path" in
@@ -74,8 +84,17 @@ check_library_runpath() {
 "$cmake" --install "$build" --prefix "$prefix" >/dev/null || fail "cmake --install"
 [ -x "$prefix/bin/recaster" ] || fail "no bin/recaster under the prefix"
 
-check_version "$prefix/bin/recaster" installed "$@"
-check_version "$built" build-folder "$@"
+if [ "$relocatable" = OFF ]; then
+    check_version "$prefix/bin/recaster" installed "$prefix/$libdir" "$@"
+    check_version "$built" build-folder "" "$@"
+    for file in "$prefix/bin/recaster" "$prefix/$libdir"/lib*.so; do
+        ! readelf -d "$file" | grep -q -e '(RUNPATH)' -e '(RPATH)' || fail "installed $(basename "$file") has a RUNPATH or RPATH"
+    done
+    echo "installed files carry no RUNPATH; the build-folder recaster runs without LD_LIBRARY_PATH"
+    exit 0
+fi
+check_version "$prefix/bin/recaster" installed "" "$@"
+check_version "$built" build-folder "" "$@"
 if [ "$#" -eq 0 ]; then
     built_libs=$(dirname "$(dirname "$built")")/$libdir
     check_libraries_in "$prefix/bin/recaster" "$prefix/$libdir" installed

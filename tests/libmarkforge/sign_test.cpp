@@ -7,7 +7,9 @@
 
 #include <cctype>
 #include <cstdlib>
+#include <filesystem>
 #include <memory>
+#include <string>
 
 #include "fixtures.h"
 #include "lbRsa.h"
@@ -210,9 +212,13 @@ protected:
 };
 
 // Runs sign_hsm in a process that may not open another file, then exits
-// with 0 when it failed as it should.
-[[noreturn]] void SignWithoutFileDescriptors(sign& object)
+// with 0 when it failed as it should. The fixture's folder is removed first:
+// std::exit skips the fixture's clean-up, and without descriptors no folder
+// can be listed.
+[[noreturn]] void SignWithoutFileDescriptors(sign& object, const std::string& folder)
 {
+    std::error_code ignored;
+    std::filesystem::remove_all(folder, ignored);
     const lbBytes digest = LbBytes(Sequence(32));
     rlimit limit{};
     getrlimit(RLIMIT_NOFILE, &limit);
@@ -656,7 +662,7 @@ TEST_F(SignTest, SocketThatCannotBeCreatedIsReported)
                     "outside the emulator";
 #endif
     GTEST_FLAG_SET(death_test_style, "threadsafe");
-    EXPECT_EXIT(SignWithoutFileDescriptors(object), ::testing::ExitedWithCode(0), "^Unable to create socket\n$");
+    EXPECT_EXIT(SignWithoutFileDescriptors(object, dir.path()), ::testing::ExitedWithCode(0), "^Unable to create socket\n$");
 }
 
 TEST_F(SignTest, GetSignatureCopiesTheWholeBuffer)

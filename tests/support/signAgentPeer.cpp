@@ -3,17 +3,16 @@
 #include "signAgentPeer.h"
 
 #include <arpa/inet.h>
-#include <fcntl.h>
 #include <netinet/in.h>
 #include <poll.h>
-#include <sys/file.h>
 #include <sys/socket.h>
+#include <sys/un.h>
 #include <unistd.h>
 
 #include <cerrno>
 #include <chrono>
+#include <cstddef>
 #include <cstring>
-#include <filesystem>
 
 namespace testsupport {
 namespace {
@@ -28,31 +27,38 @@ constexpr size_t MAX_RECORDED = 65536;
 constexpr auto LOCK_TIMEOUT = std::chrono::seconds(120);
 constexpr auto LOCK_RETRY = std::chrono::milliseconds(50);
 
-// The machine-wide lock on the port, held by an open descriptor; -1 with
-// the reason in `error` when it cannot be had in time.
+// The machine-wide lock on the port: a Unix socket bound to a name in the
+// abstract namespace, held by its open descriptor; -1 with the reason in
+// `error` when it cannot be had in time. Unlike a lock file it leaves nothing
+// behind and does not depend on TMPDIR, which each test run may set to a
+// folder of its own while runs in other folders still share the port.
 int LockPort(std::string& error)
 {
-    const std::string path = (std::filesystem::temp_directory_path() / "markforge-sign-agent-8001.lock").string();
-    const int fd = ::open(path.c_str(), O_RDWR | O_CREAT | O_CLOEXEC, 0666);
-    if (fd < 0) {
-        error = "cannot open the port lock " + path + ": " + std::strerror(errno);
-        return -1;
-    }
+    static const char NAME[] = "markforge-sign-agent-8001.lock";
+    sockaddr_un address{};
+    address.sun_family = AF_UNIX;
+    std::memcpy(address.sun_path + 1, NAME, sizeof NAME - 1);
+    const auto length = socklen_t(offsetof(sockaddr_un, sun_path) + 1 + sizeof NAME - 1);
     const auto deadline = std::chrono::steady_clock::now() + LOCK_TIMEOUT;
-    while (::flock(fd, LOCK_EX | LOCK_NB) != 0) {
-        if (errno != EWOULDBLOCK && errno != EINTR) {
-            error = "cannot lock " + path + ": " + std::strerror(errno);
-            ::close(fd);
+    for (;;) {
+        const int fd = ::socket(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC, 0);
+        if (fd < 0) {
+            error = std::string("cannot create the port lock's socket: ") + std::strerror(errno);
+            return -1;
+        }
+        if (::bind(fd, reinterpret_cast<const sockaddr*>(&address), length) == 0) return fd;
+        const int reason = errno;
+        ::close(fd);
+        if (reason != EADDRINUSE) {
+            error = std::string("cannot take the port lock: ") + std::strerror(reason);
             return -1;
         }
         if (std::chrono::steady_clock::now() > deadline) {
-            error = "another test run held " + path + " (port 8001) for too long";
-            ::close(fd);
+            error = "another test run held the lock on port 8001 for too long";
             return -1;
         }
         std::this_thread::sleep_for(LOCK_RETRY);
     }
-    return fd;
 }
 
 bool WaitReadable(int fd, int timeoutMs)

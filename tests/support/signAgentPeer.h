@@ -4,8 +4,9 @@
 //
 // The port is one per machine, while several test runs (other build folders)
 // may go on at once, beyond the reach of ctest's resource locks. So a peer
-// first takes a machine-wide file lock and keeps it until it stops; a test
-// that needs nothing listening takes the same lock through ReservePort.
+// first takes a machine-wide lock (a bound Unix socket name) and keeps it
+// until it stops; a test that needs nothing listening takes the same lock
+// through ReservePort.
 #pragma once
 
 #include <atomic>
