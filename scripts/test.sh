@@ -234,6 +234,22 @@ check_installed_man_page() {
         die "the packaged man page does not open"
 }
 
+# markforge from /usr/bin makes a key, builds a container with the installed
+# key-directory plug-in, and openssl alone verifies it; the installed agent
+# loads the key.
+check_installed_markforge() {
+    local work="$1"
+    mkdir -p "$work/keys"
+    /usr/bin/markforge keygen --bits 2048 -o "$work/keys/dev.markforge" --public-out "$work/dev.pem" ||
+        die "/usr/bin/markforge keygen failed"
+    /usr/bin/markforge build -o "$work/container.img" --key dev --mode development --key-dir "$work/keys" \
+        readme="$MARKFORGE_ROOT/samples/payload.txt" >/dev/null || die "/usr/bin/markforge build failed"
+    sh "$MARKFORGE_ROOT/docs/examples/verify-with-openssl.sh" "$work/container.img" "$work/dev.pem" >/dev/null ||
+        die "the container built by /usr/bin/markforge does not verify"
+    /usr/sbin/markforge-agent --check --key-dir "$work/keys" >/dev/null || die "/usr/sbin/markforge-agent --check failed"
+    note "/usr/bin/markforge keygen and build (with the installed keydir plug-in) and markforge-agent --check work"
+}
+
 # Installs the amd64 packages on this machine, uses recaster from /usr/bin
 # and its man page, removes the packages and checks their files are gone.
 check_installed_debs() {
@@ -255,6 +271,7 @@ check_installed_debs() {
             die "/usr/bin/recaster wrote a different key file"
         check_installed_man_page "$dir" "$work"
         note "/usr/bin/recaster --version, a conversion and 'man recaster' work"
+        check_installed_markforge "$work"
     ) || status=$?
     as_root dpkg -r "${packages[@]}" >/dev/null
     rm -rf "$work"
@@ -286,8 +303,16 @@ check_armhf_debs() {
         -I pem -O markforge >/dev/null || die "armhf recaster conversion failed"
     cmp -s "$root/key.markforge" "$MARKFORGE_ROOT/samples/rsa2048-public.markforge" ||
         die "armhf recaster wrote a different key file"
+    # markforge finds the packaged keydir plug-in beside its own libraries.
+    mkdir -p "$root/keys"
+    cp "$MARKFORGE_ROOT/samples/rsa2048-private.markforge" "$root/keys/dev.markforge"
+    local markforge=(qemu-arm -L /usr/arm-linux-gnueabihf -E "LD_LIBRARY_PATH=$libs" "$root/usr/bin/markforge")
+    "${markforge[@]}" build -o "$root/container.img" --key dev --mode development --key-dir "$root/keys" \
+        readme="$MARKFORGE_ROOT/samples/payload.txt" >/dev/null || die "armhf markforge build failed"
+    sh "$MARKFORGE_ROOT/docs/examples/verify-with-openssl.sh" "$root/container.img" \
+        "$MARKFORGE_ROOT/samples/rsa2048-public.pem" >/dev/null || die "the armhf markforge container does not verify"
     rm -rf "$root"
-    note "armhf programs and libraries are 32-bit ARM; recaster runs under qemu-arm with the packages' libraries"
+    note "armhf programs and libraries are 32-bit ARM; recaster and markforge run under qemu-arm with the packages' libraries"
 }
 
 stage_package() {

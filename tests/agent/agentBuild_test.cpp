@@ -1,0 +1,83 @@
+// End to end: `markforge build --mode production` signs through the running
+// markforge-agent on 127.0.0.1:8001, self-verifies with --verify-key, and the
+// container verifies with openssl alone.
+#include <gtest/gtest.h>
+
+#include <sys/stat.h>
+
+#include <memory>
+#include <string>
+
+#include "agentProcess.h"
+#include "signAgentPeer.h"
+#include "testSupport.h"
+
+namespace {
+
+using testsupport::ProcessResult;
+
+class AgentBuild : public ::testing::Test {
+protected:
+    static void SetUpTestSuite()
+    {
+        keys = std::make_unique<testsupport::TempDir>();
+        ASSERT_EQ(::mkdir(keys->file("folder").c_str(), 0700), 0);
+        const ProcessResult made = testsupport::RunMarkforge({"keygen", "--bits", "3072", "-o",
+                                                              keys->file("folder/release.markforge"), "--public-out",
+                                                              keys->file("release.pem")});
+        ASSERT_EQ(made.status, 0) << made.err;
+    }
+    static void TearDownTestSuite() { keys.reset(); }
+
+    void SetUp() override
+    {
+        std::string error;
+        ASSERT_TRUE(agent.StartOnSignAgentPort(port, {"--key-dir", keys->file("folder")}, error)) << error;
+        testsupport::WriteFile(dir.file("boot.bin"), std::string(1000, 'b'));
+        testsupport::WriteFile(dir.file("app.bin"), std::string(70000, 'a'));
+    }
+    void TearDown() override
+    {
+        agent.Stop();
+        port.Stop();
+    }
+
+    static inline std::unique_ptr<testsupport::TempDir> keys;
+    testsupport::TempDir dir;
+    testsupport::SignAgentPeer port;  // holds the port lock only
+    agenttest::AgentProcess agent{dir.path()};
+};
+
+TEST_F(AgentBuild, ProductionContainersVerify)
+{
+    for (const char* hash : {"sha256", "sha384", "sha512"}) {
+        SCOPED_TRACE(hash);
+        const std::string out = dir.file(std::string("container-") + hash + ".img");
+        const ProcessResult built = testsupport::RunMarkforge(
+            {"build", "-o", out, "--key", "release", "--mode", "production", "--hash", hash, "--verify-key",
+             keys->file("release.pem"), "boot=" + dir.file("boot.bin"), "app=" + dir.file("app.bin")});
+        ASSERT_EQ(built.status, 0) << built.err;
+        EXPECT_EQ(built.err, "");
+        const ProcessResult checked = testsupport::Run({"sh", OPENSSL_CHECK_SCRIPT, out, keys->file("release.pem")});
+        EXPECT_EQ(checked.status, 0) << checked.out << checked.err;
+        EXPECT_EQ(checked.out, "component boot: ok\ncomponent app: ok\narchive: ok\n");
+    }
+    // Two components and the archive per build, each named by its F field.
+    ASSERT_TRUE(agent.WaitForRequests(9));
+    const auto requests = agent.Events("request");
+    ASSERT_EQ(requests.size(), 9u);
+    EXPECT_EQ(requests[2]["key"], "release");
+    EXPECT_EQ(requests[2]["F"], "archive");
+}
+
+TEST_F(AgentBuild, AnUnknownKeyIsRefusedAndNothingIsWritten)
+{
+    const std::string out = dir.file("container.img");
+    const ProcessResult built = testsupport::RunMarkforge({"build", "-o", out, "--key", "nosuchkey", "--mode",
+                                                           "production", "boot=" + dir.file("boot.bin")});
+    EXPECT_EQ(built.status, 5);
+    EXPECT_NE(built.err.find("Got blank string from sign_agent"), std::string::npos) << built.err;
+    EXPECT_FALSE(testsupport::FileExists(out));
+}
+
+}  // namespace
