@@ -12,8 +12,9 @@
 namespace markforge {
 namespace {
 
-// Large reads keep system calls few; the buffer is allocated once.
-constexpr size_t CHUNK = 1 << 20;
+// Few system calls, yet small enough to stay in the core's cache between
+// hashing a chunk and writing it out (1 MiB chunks measured 3 % slower).
+constexpr size_t CHUNK = 128 << 10;
 
 bool WriteAll(int fd, const uint8_t* data, size_t length, uint64_t at)
 {
