@@ -61,6 +61,8 @@ containerReader::failure containerReader::Open(const std::string& path, std::str
         reason = path + " is not a markforge container";
         return failure::notContainer;
     }
+    if (_contents.tableSize == 0) ReadEmptyTableDigestLength();
+    _contents.hashId = digestStream::IdForLength(_contents.digestLength);
     PlaceComponents();
     return failure::none;
 }
@@ -84,7 +86,6 @@ bool containerReader::LoadHeader(const std::string& path, std::string& libraryTe
     _contents.signatureLength = block.SignatureSize();
     _contents.tableSize = block.ArchiveSize();
     _contents.digestLength = block.DigestLength();
-    _contents.hashId = digestStream::IdForLength(_contents.digestLength);
     lbBytes signature;
     block.GetHeaderSignature(signature);
     _contents.signature = signature.buffer;
@@ -103,6 +104,17 @@ bool containerReader::LoadHeader(const std::string& path, std::string& libraryTe
     }
     CloseHeader(block);
     return true;
+}
+
+void containerReader::ReadEmptyTableDigestLength()
+{
+    // The header stops loading at an empty table, before the digest-length
+    // word; the word is still in the block, right after the table size.
+    const uint64_t at = uint64_t(_contents.headerOffset) + digest_length_offset(_contents.signatureLength, 0);
+    std::vector<uint8_t> word;
+    std::string reason;
+    if (_contents.version >= HEADER_VERSION && _file.Read(at, 4, word, reason))
+        _contents.digestLength = load_be32(word.data());
 }
 
 void containerReader::PlaceComponents()

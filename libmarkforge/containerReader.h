@@ -56,6 +56,7 @@ public:
 
 private:
     bool LoadHeader(const std::string& path, std::string& libraryText);
+    void ReadEmptyTableDigestLength();
     void PlaceComponents();
 
     fileReader _file;

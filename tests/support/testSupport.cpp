@@ -179,6 +179,11 @@ std::string RecasterPath()
     return RECASTER_BINARY;
 }
 
+std::string MarkforgePath()
+{
+    return MARKFORGE_BINARY;
+}
+
 std::string DataPath(const std::string& name)
 {
     return std::string(TEST_DATA_DIR) + "/" + name;
@@ -227,6 +232,13 @@ ProcessResult RunOnTerminal(const std::vector<std::string>& argv, const std::str
 ProcessResult RunRecaster(const std::vector<std::string>& args)
 {
     std::vector<std::string> argv{RecasterPath()};
+    argv.insert(argv.end(), args.begin(), args.end());
+    return Run(argv);
+}
+
+ProcessResult RunMarkforge(const std::vector<std::string>& args)
+{
+    std::vector<std::string> argv{MarkforgePath()};
     argv.insert(argv.end(), args.begin(), args.end());
     return Run(argv);
 }

@@ -27,6 +27,9 @@ ProcessResult Run(const std::vector<std::string>& argv, const std::string* input
 // Runs the built recaster with these arguments.
 ProcessResult RunRecaster(const std::vector<std::string>& args);
 
+// Runs the built markforge with these arguments.
+ProcessResult RunMarkforge(const std::vector<std::string>& args);
+
 // Runs `argv` on a new pseudo-terminal, as a user at a terminal would: once
 // its output shows `prompt`, `typed` is written to the terminal. Standard
 // output and standard error both arrive in `out`. A child still running after
@@ -40,6 +43,8 @@ ProcessResult Openssl(const std::vector<std::string>& args, const std::string* i
 
 // Path of the built recaster executable.
 std::string RecasterPath();
+// Path of the built markforge executable.
+std::string MarkforgePath();
 // Path of the repository's tests/data folder.
 std::string DataPath(const std::string& name);
 
