@@ -4,13 +4,16 @@
 #   2. whole-process time of each recaster key conversion against the nearest
 #      openssl command (hyperfine)
 #   3. peak resident memory of hashing a 64 MiB and a 1 GiB file (GNU time)
+#   4. `markforge verify` of a container with one 1 GiB component against one
+#      `openssl dgst` pass over the same bytes, and of two components against
+#      two passes; its peak memory for 64 MiB and 1 GiB containers
 # Not part of the test suite: timings depend on the machine and its load.
 #
 # Environment: MARKFORGE_SKIP_SETUP=1 skips scripts/setup.sh; BENCH_DIR picks
 # the folder for the test files (default: a new folder under /tmp, removed
 # at the end); BENCH_BIG_MIB sets the big file's size (default 1024);
 # BENCH_CONVERT_ROUNDS the rounds per conversion (default 25); BENCH_ONLY
-# one part: hashing, conversions or memory.
+# one part: hashing, conversions, memory or verify.
 set -euo pipefail
 source "$(dirname "${BASH_SOURCE[0]}")/lib.sh"
 
@@ -25,8 +28,9 @@ fi
 banner "bench: Release build"
 cmake -S "$MARKFORGE_ROOT" -B "$BUILD" -G Ninja -DCMAKE_BUILD_TYPE=Release -DMARKFORGE_BENCH=ON \
     -DMARKFORGE_TESTS=OFF >/dev/null
-ninja -C "$BUILD" -j "$MARKFORGE_JOBS" recaster hash_bench
+ninja -C "$BUILD" -j "$MARKFORGE_JOBS" recaster hash_bench markforge_program keydir
 RECASTER="$BUILD/bin/recaster"
+MARKFORGE="$BUILD/bin/markforge"
 HASH_BENCH="$BUILD/bin/hash_bench"
 
 if [ -n "${BENCH_DIR:-}" ]; then
@@ -53,6 +57,12 @@ csv_field() {
 csv_cpu() {
     awk -F, -v row="$2" 'NR == 1 { for (i = 1; i <= NF; i++) col[$i] = i }
         NR == row + 1 { print $col["user"] + $col["system"] }' "$1"
+}
+
+# Mean wall seconds of rows 1 and 2 of a hyperfine CSV, then their mean CPU
+# seconds, on one line.
+pair_times() {
+    echo "$(csv_field "$1" 1 mean) $(csv_field "$1" 2 mean) $(csv_cpu "$1" 1) $(csv_cpu "$1" 2)"
 }
 
 mbps() {
@@ -98,10 +108,7 @@ bench_hashing() {
             -n "markforge $algorithm" "$HASH_BENCH --hash-once $algorithm $file" \
             -n "openssl $algorithm" "openssl dgst -$algorithm $file"
         local ours theirs ours_cpu theirs_cpu
-        ours="$(csv_field "$csv" 1 mean)"
-        theirs="$(csv_field "$csv" 2 mean)"
-        ours_cpu="$(csv_cpu "$csv" 1)"
-        theirs_cpu="$(csv_cpu "$csv" 2)"
+        read -r ours theirs ours_cpu theirs_cpu < <(pair_times "$csv")
         record "$(printf '  %-9s %15s %13s %7s   %15s %13s %7s' "$algorithm" \
             "$(mbps "$size" "$ours")" "$(mbps "$size" "$theirs")" "$(ratio "$theirs" "$ours")" \
             "$(mbps "$size" "$ours_cpu")" "$(mbps "$size" "$theirs_cpu")" "$(ratio "$theirs_cpu" "$ours_cpu")")"
@@ -213,17 +220,67 @@ bench_memory() {
         "$(peak_kib openssl dgst -sha256 "$WORK/file-64MiB")" "$(peak_kib openssl dgst -sha256 "$WORK/file-big")")"
 }
 
+# Builds `container` from NAME=FILE words, signed by the bench key.
+build_container() {
+    local container="$1"
+    shift
+    "$MARKFORGE" build -o "$container" --key bench --mode development --key-dir "$WORK" "$@" >/dev/null
+}
+
+# One hyperfine comparison of `markforge verify` against an openssl command;
+# prints wall and CPU ratios.
+bench_verify_pair() {
+    local label="$1" ours="$2" theirs="$3" size="$4"
+    local csv="$WORK/verify.csv"
+    hyperfine -N --style basic --warmup 1 --runs 10 --export-csv "$csv" -n "markforge verify" "$ours" \
+        -n "openssl" "$theirs"
+    local a b ac bc
+    read -r a b ac bc < <(pair_times "$csv")
+    record "$(printf '  %-24s %9.3f %9.3f %7s   %9.3f %9.3f %7s   %6s %6s' "$label" "$a" "$b" "$(ratio "$a" "$b")" \
+        "$ac" "$bc" "$(ratio "$ac" "$bc")" "$(mbps "$size" "$a")" "$(mbps "$size" "$b")")"
+}
+
+bench_verify() {
+    banner "bench: markforge verify of ${BIG_MIB} MiB against openssl dgst"
+    "$MARKFORGE" keygen --bits 2048 -o "$WORK/bench.markforge" --public-out "$WORK/bench.pem" >/dev/null
+    local big="$WORK/file-big" size=$((BIG_MIB << 20)) half=$((BIG_MIB << 19))
+    build_container "$WORK/one.bin" "image=$big"
+    head -c "$half" "$big" >"$WORK/half-1"
+    tail -c +"$((half + 1))" "$big" >"$WORK/half-2"
+    build_container "$WORK/two.bin" "first=$WORK/half-1" "second=$WORK/half-2"
+    rm -f "$WORK/half-1" "$WORK/half-2"
+    build_container "$WORK/small.bin" "image=$WORK/file-64MiB"
+    "$MARKFORGE" verify "$WORK/one.bin" --key "$WORK/bench.pem" >/dev/null || die "verify of one.bin failed"
+    "$MARKFORGE" verify "$WORK/two.bin" --key "$WORK/bench.pem" >/dev/null || die "verify of two.bin failed"
+    cat "$WORK/one.bin" "$WORK/two.bin" "$big" >/dev/null  # all from the page cache
+    record ""
+    record "markforge verify, SHA-256, ${BIG_MIB} MiB of components (whole process, mean of hyperfine runs)"
+    record "$(printf '  %-24s %9s %9s %7s   %9s %9s %7s   %6s %6s' case 'verify s' 'openssl s' ratio \
+        'verify CPU' 'ssl CPU' ratio 'MB/s' 'MB/s')"
+    bench_verify_pair "1 component vs 1 pass" "$MARKFORGE verify $WORK/one.bin --key $WORK/bench.pem" \
+        "openssl dgst -sha256 $big" "$size"
+    bench_verify_pair "2 components vs 2 passes" "$MARKFORGE verify $WORK/two.bin --key $WORK/bench.pem" \
+        "openssl dgst -sha256 $big $big" "$size"
+    record "  (ratio: markforge / openssl, target <= 1.10; two passes: openssl hashes the file twice in one process)"
+    record "$(printf '  peak memory (KiB): verify 64 MiB %s, verify %s MiB %s, openssl dgst %s MiB %s' \
+        "$(peak_kib "$MARKFORGE" verify "$WORK/small.bin" --key "$WORK/bench.pem")" "$BIG_MIB" \
+        "$(peak_kib "$MARKFORGE" verify "$WORK/one.bin" --key "$WORK/bench.pem")" "$BIG_MIB" \
+        "$(peak_kib openssl dgst -sha256 "$big")")"
+}
+
 case "${BENCH_ONLY:-all}" in
 all)
     make_files
     bench_hashing
     bench_conversions
     bench_memory
+    bench_verify
     ;;
 hashing) make_files && bench_hashing ;;
 conversions) bench_conversions ;;
 memory) make_files && bench_memory ;;
-*) die "BENCH_ONLY must be hashing, conversions or memory" ;;
+verify) make_files && bench_verify ;;
+*) die "BENCH_ONLY must be hashing, conversions, memory or verify" ;;
 esac
 
 banner "bench: summary ($(nproc) cores, $(grep -m1 'model name' /proc/cpuinfo | cut -d: -f2 | xargs))"

@@ -107,6 +107,10 @@ inline Json Parse(const ProcessResult& r)
     return document;
 }
 
+// Runs verify with key k expecting exit 1 (a problem found); returns the
+// document, its schema checked.
+inline Json VerifyWithProblems(const std::string& container, const std::string& key = "k");
+
 // The verdicts of a verify document: each component's, then the archive's.
 inline std::vector<std::string> Verdicts(const Json& document)
 {
@@ -237,6 +241,19 @@ inline size_t RecordSignatureAt(size_t signatureSize, size_t index)
 inline size_t RecordNameAt(size_t signatureSize, size_t index)
 {
     return 16 + signatureSize + 540 * index + 8;
+}
+
+}  // namespace containertest
+
+namespace containertest {
+
+inline Json VerifyWithProblems(const std::string& container, const std::string& key)
+{
+    const ProcessResult r = Verify(container, key);
+    EXPECT_EQ(r.status, 1) << r.err;
+    const Json document = Parse(r);
+    CheckVerifySchema(document);
+    return document;
 }
 
 }  // namespace containertest

@@ -58,14 +58,11 @@ TEST(Verify, FlippedComponentByteIsDigestMismatchForItAndTheArchive)
     const Components parts = SomeComponents(3);
     const std::string container = Build(dir, parts);
     FlipByte(container, BLOCK + parts[0].second.size() + 17);
-    const ProcessResult r = Verify(container);
-    EXPECT_EQ(r.status, 1);
-    const Json document = Parse(r);
-    CheckVerifySchema(document);
+    const Json document = VerifyWithProblems(container);
     EXPECT_EQ(Verdicts(document),
               (std::vector<std::string>{"ok", "digest-mismatch", "ok", "digest-mismatch"}));
     EXPECT_EQ(document["problems"], 2);
-    EXPECT_EQ(r.err, "markforge: " + container + ": 2 of 4 signatures did not verify\n");
+    EXPECT_EQ(Verify(container).err, "markforge: " + container + ": 2 of 4 signatures did not verify\n");
 }
 
 TEST(Verify, FlippedByteOfTheOnlyComponent)
@@ -73,9 +70,7 @@ TEST(Verify, FlippedByteOfTheOnlyComponent)
     TempDir dir;
     const std::string container = Build(dir, SomeComponents(1));
     FlipByte(container, BLOCK);
-    const ProcessResult r = Verify(container);
-    EXPECT_EQ(r.status, 1);
-    EXPECT_EQ(Verdicts(Parse(r)), (std::vector<std::string>{"digest-mismatch", "digest-mismatch"}));
+    EXPECT_EQ(Verdicts(VerifyWithProblems(container)), (std::vector<std::string>{"digest-mismatch", "digest-mismatch"}));
 }
 
 TEST(Verify, ChangedRecordSignatureIsBadSignature)
@@ -83,9 +78,7 @@ TEST(Verify, ChangedRecordSignatureIsBadSignature)
     TempDir dir;
     const std::string container = Build(dir, SomeComponents(3));
     FlipByte(container, RecordSignatureAt(SIGNATURE, 2) + 100);
-    const ProcessResult r = Verify(container);
-    EXPECT_EQ(r.status, 1);
-    EXPECT_EQ(Verdicts(Parse(r)), (std::vector<std::string>{"ok", "ok", "bad-signature", "ok"}));
+    EXPECT_EQ(Verdicts(VerifyWithProblems(container)), (std::vector<std::string>{"ok", "ok", "bad-signature", "ok"}));
 }
 
 TEST(Verify, ChangedHeaderSignatureIsBadSignatureOfTheArchive)
@@ -93,25 +86,21 @@ TEST(Verify, ChangedHeaderSignatureIsBadSignatureOfTheArchive)
     TempDir dir;
     const std::string container = Build(dir, SomeComponents(2));
     FlipByte(container, 12 + 5);
-    EXPECT_EQ(Verdicts(Parse(Verify(container))), (std::vector<std::string>{"ok", "ok", "bad-signature"}));
+    EXPECT_EQ(Verdicts(VerifyWithProblems(container)), (std::vector<std::string>{"ok", "ok", "bad-signature"}));
 }
 
 TEST(Verify, WrongKeyMakesEveryVerdictBadSignature)
 {
     TempDir dir;
     const std::string container = Build(dir, SomeComponents(3));
-    const ProcessResult r = Verify(container, "a");
-    EXPECT_EQ(r.status, 1);
-    const Json document = Parse(r);
-    CheckVerifySchema(document);
-    EXPECT_EQ(Verdicts(document), Repeat("bad-signature", 4));
+    EXPECT_EQ(Verdicts(VerifyWithProblems(container, "a")), Repeat("bad-signature", 4));
 }
 
 TEST(Verify, WrongKeyWithoutComponents)
 {
     TempDir dir;
     const std::string container = Build(dir, {});
-    EXPECT_EQ(Verdicts(Parse(Verify(container, "a"))), Repeat("bad-signature", 1));
+    EXPECT_EQ(Verdicts(VerifyWithProblems(container, "a")), Repeat("bad-signature", 1));
 }
 
 TEST(Verify, CutShortInThePayloadIsOutsideFileForTheComponentsPastTheCut)
@@ -120,11 +109,8 @@ TEST(Verify, CutShortInThePayloadIsOutsideFileForTheComponentsPastTheCut)
     const Components parts = SomeComponents(3);
     const std::string container = Build(dir, parts);
     Truncate(container, BLOCK + parts[0].second.size() + 10);
-    const ProcessResult r = Verify(container);
-    EXPECT_EQ(r.status, 1);
-    const Json document = Parse(r);
-    CheckVerifySchema(document);
-    EXPECT_EQ(Verdicts(document), (std::vector<std::string>{"ok", "outside-file", "outside-file", "outside-file"}));
+    EXPECT_EQ(Verdicts(VerifyWithProblems(container)),
+              (std::vector<std::string>{"ok", "outside-file", "outside-file", "outside-file"}));
 }
 
 TEST(Verify, CutAfterTheHeaderBlock)
@@ -132,7 +118,7 @@ TEST(Verify, CutAfterTheHeaderBlock)
     TempDir dir;
     const std::string container = Build(dir, SomeComponents(1));
     Truncate(container, BLOCK);
-    EXPECT_EQ(Verdicts(Parse(Verify(container))), Repeat("outside-file", 2));
+    EXPECT_EQ(Verdicts(VerifyWithProblems(container)), Repeat("outside-file", 2));
 }
 
 TEST(Verify, HeaderBlockAtByte10000IsFoundAndVerified)
