@@ -7,11 +7,11 @@
 
 #include <cctype>
 
-#include "containerFixture.h"
+#include "readingFixture.h"
 
 namespace {
 
-using namespace containertest;
+using namespace readingtest;
 using testsupport::ReadBytes;
 using testsupport::ReadFile;
 using testsupport::RunMarkforge;

@@ -4,11 +4,11 @@
 
 #include <sys/stat.h>
 
-#include "containerFixture.h"
+#include "readingFixture.h"
 
 namespace {
 
-using namespace containertest;
+using namespace readingtest;
 using testsupport::RunMarkforge;
 
 constexpr size_t BLOCK = 4096;

@@ -4,13 +4,13 @@
 #include <gtest/gtest.h>
 
 #include "containerBlock.h"
-#include "containerFixture.h"
+#include "readingFixture.h"
 
 #include <cctype>
 
 namespace {
 
-using namespace containertest;
+using namespace readingtest;
 using testblocks::Block;
 using testblocks::BlockBytes;
 using testblocks::Record;

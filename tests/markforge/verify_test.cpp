@@ -4,11 +4,11 @@
 
 #include <tuple>
 
-#include "containerFixture.h"
+#include "readingFixture.h"
 
 namespace {
 
-using namespace containertest;
+using namespace readingtest;
 using testsupport::RunMarkforge;
 
 constexpr size_t SIGNATURE = 256;  // 2048-bit keys

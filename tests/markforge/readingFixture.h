@@ -1,6 +1,6 @@
-// Shared by the markforge reading-command tests: development keys made once
-// per test program, containers built by the real `markforge build`, byte
-// edits of a built file, and the JSON output parsed.
+// Shared by the tests of markforge info, verify and extract: development keys
+// made once per test program, containers built by the real `markforge build`,
+// byte edits of a built file, and the JSON output parsed.
 #pragma once
 
 #include <gtest/gtest.h>
@@ -15,7 +15,7 @@
 
 #include "testSupport.h"
 
-namespace containertest {
+namespace readingtest {
 
 using testsupport::ProcessResult;
 using testsupport::TempDir;
@@ -156,9 +156,9 @@ inline void Truncate(const std::string& path, size_t size)
     testsupport::WriteBytes(path, bytes);
 }
 
-}  // namespace containertest
+}  // namespace readingtest
 
-namespace containertest {
+namespace readingtest {
 
 inline const std::vector<std::string> VERDICTS{"ok", "digest-mismatch", "bad-signature", "outside-file"};
 
@@ -243,9 +243,9 @@ inline size_t RecordNameAt(size_t signatureSize, size_t index)
     return 16 + signatureSize + 540 * index + 8;
 }
 
-}  // namespace containertest
+}  // namespace readingtest
 
-namespace containertest {
+namespace readingtest {
 
 inline Json VerifyWithProblems(const std::string& container, const std::string& key)
 {
@@ -256,4 +256,4 @@ inline Json VerifyWithProblems(const std::string& container, const std::string& 
     return document;
 }
 
-}  // namespace containertest
+}  // namespace readingtest
