@@ -24,18 +24,19 @@ fileReader::~fileReader()
 bool fileReader::Open(const std::string& path, std::string& reason)
 {
     _path = path;
-    _fd = open(path.c_str(), O_RDONLY | O_CLOEXEC);
-    if (_fd < 0) {
-        reason = "cannot read " + path + ": " + std::strerror(errno);
-        return false;
-    }
+    const int fd = open(path.c_str(), O_RDONLY | O_CLOEXEC);
     struct stat info;
-    if (fstat(_fd, &info) != 0 || !S_ISREG(info.st_mode)) {
-        reason = path + " is not a regular file";
-        close(_fd);
-        _fd = -1;
+    if (fd < 0 || fstat(fd, &info) != 0) {
+        reason = "cannot read " + path + ": " + std::strerror(errno);
+        if (fd >= 0) close(fd);
         return false;
     }
+    if (!S_ISREG(info.st_mode)) {
+        reason = path + " is not a regular file";
+        close(fd);
+        return false;
+    }
+    _fd = fd;
     _size = static_cast<uint64_t>(info.st_size);
     posix_fadvise(_fd, 0, 0, POSIX_FADV_SEQUENTIAL);
     return true;
