@@ -1,6 +1,7 @@
 // markforge::containerInput: the failures of opening a container or a key.
 #include "containerInput.h"
 
+#include <sys/stat.h>
 #include <unistd.h>
 
 #include <cerrno>
@@ -29,6 +30,9 @@ void containerInput::LoadKey(publicKey& key, const std::string& path, const std:
     // holds no key is bad input.
     if (access(path.c_str(), R_OK) != 0)
         throw commandFailure(exitStatus::fileSystem, option + " " + path + ": " + std::strerror(errno));
+    struct stat info;
+    if (stat(path.c_str(), &info) != 0 || !S_ISREG(info.st_mode))
+        throw commandFailure(exitStatus::fileSystem, option + " " + path + " is not a regular file");
     std::string reason;
     if (!key.Load(path, reason)) throw commandFailure(exitStatus::badInput, option + " " + reason);
 }

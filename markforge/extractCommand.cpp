@@ -1,6 +1,7 @@
 // markforge::extractCommand: pick the range, stream it out, rename.
 #include "extractCommand.h"
 
+#include <sys/stat.h>
 #include <unistd.h>
 
 #include <cerrno>
@@ -47,9 +48,20 @@ void extractCommand::CheckUsage() const
                                                 "and --payload");
 }
 
+void extractCommand::CheckOutputIsNotTheContainer() const
+{
+    struct stat output;
+    struct stat input;
+    if (stat(_options.output.c_str(), &output) != 0 || stat(_options.file.c_str(), &input) != 0) return;
+    if (output.st_dev == input.st_dev && output.st_ino == input.st_ino)
+        throw commandFailure(exitStatus::usage, "the output " + _options.output + " is the container " + _options.file +
+                                                    " itself; write the extracted bytes elsewhere");
+}
+
 void extractCommand::Run()
 {
     CheckUsage();
+    CheckOutputIsNotTheContainer();
     containerReader reader;
     containerInput::Open(reader, _options.file);
     const containerContents& contents = reader.Contents();

@@ -24,6 +24,7 @@ public:
 
 private:
     void CheckUsage() const;
+    void CheckOutputIsNotTheContainer() const;
 
     extractOptions _options;
 };

@@ -165,6 +165,18 @@ TEST(Extract, OutputInAMissingFolderIsAFileSystemError)
     EXPECT_EQ(r.out, "");
 }
 
+TEST(Extract, OutputThatIsTheContainerIsRefused)
+{
+    TempDir dir;
+    const std::string container = Build(dir, SomeComponents(1));
+    const std::string before = ReadFile(container);
+    const ProcessResult r = RunMarkforge({"extract", container, "--payload", "-o", container});
+    EXPECT_EQ(r.status, 2);
+    EXPECT_EQ(r.err, "markforge: the output " + container + " is the container " + container +
+                         " itself; write the extracted bytes elsewhere\n");
+    EXPECT_EQ(ReadFile(container), before);
+}
+
 TEST(Extract, ExactlyOneSelectorIsRequired)
 {
     TempDir dir;

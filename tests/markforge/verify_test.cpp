@@ -197,6 +197,15 @@ TEST(Verify, MissingKeyFileIsAFileSystemError)
     EXPECT_NE(r.err.find("--key " + dir.file("absent.pem")), std::string::npos) << r.err;
 }
 
+TEST(Verify, FolderAsKeyIsAFileSystemError)
+{
+    TempDir dir;
+    const std::string container = Build(dir, SomeComponents(1));
+    const ProcessResult r = RunMarkforge({"verify", container, "--key", dir.path()});
+    EXPECT_EQ(r.status, 4);
+    EXPECT_EQ(r.err, "markforge: --key " + dir.path() + " is not a regular file\n");
+}
+
 TEST(Verify, KeyFileWithoutAKeyIsBadInput)
 {
     TempDir dir;
