@@ -5,6 +5,7 @@ Run again only to change the seeds (needs python3 and the openssl tool):
     python3 fuzz/make_corpus.py
 Keys are made fresh each time, so the key seeds change on every run.
 """
+import hashlib
 import os
 import shutil
 import struct
@@ -162,10 +163,45 @@ def sign_request_seeds():
     write("sign_request_fuzz", "one-byte-too-many", sign_request("k", pattern(32, 4), "S=32;") + b"\0")
 
 
+def signed(algorithm, content):
+    """What a markforge signature signs: the upper-case hex digest of the content."""
+    text = hashlib.new(algorithm, content).hexdigest().upper().encode()
+    return openssl("dgst", "-" + algorithm, "-sign", os.path.join(HERE, "container_fuzz_key.pem"), data=text)
+
+
+def container(algorithm, parts, prefix=b""):
+    """A container signed with the fuzz target's key, so that its verdicts can be ok."""
+    records, offset = [], 0
+    for name, content in parts:
+        records.append(record(len(content), offset, name, signed(algorithm, content)))
+        offset += len(content)
+    payload = b"".join(content for _, content in parts)
+    archive = signed(algorithm, parts[0][1] if len(parts) == 1 else payload)
+    length = hashlib.new(algorithm).digest_size
+    return prefix + header_block(archive, records, digest_length=length) + payload
+
+
+def container_seeds():
+    parts = [("boot", pattern(300, 1)), ("kernel", pattern(700, 2)), ("rootfs", pattern(500, 3))]
+    three = container("sha512", parts)
+    write("container_fuzz", "one-sha256", container("sha256", parts[:1]))
+    write("container_fuzz", "three-sha512", three)
+    write("container_fuzz", "empty-sha384", container("sha384", []))
+    write("container_fuzz", "block-at-10000", container("sha256", parts[:2], prefix=b"\0" * 10000))
+    write("container_fuzz", "cut-in-second-component", three[:HEADER_SIZE + 400])
+    flipped = bytearray(three)
+    flipped[HEADER_SIZE + 10] ^= 0x5A
+    write("container_fuzz", "flipped-payload-byte", bytes(flipped))
+    write("container_fuzz", "offset-wraps-32-bits",
+          header_block(pattern(128, 5), [record(0x20, 0xFFFFFFF0, "wrap", pattern(128, 6))], digest_length=32))
+    write("container_fuzz", "not-a-container", b"\xff" * 5000)
+
+
 def main():
     shutil.rmtree(CORPUS, ignore_errors=True)
     with tempfile.TemporaryDirectory() as workdir:
         header_seeds()
+        container_seeds()
         der_seeds(workdir)
         hex_seeds()
         key_seeds(workdir)

@@ -6,11 +6,14 @@
 #include <iostream>
 
 #include "buildCommand.h"
+#include "extractCommand.h"
+#include "infoCommand.h"
 #include "keygenCommand.h"
 #include "lbGlobal.h"
 #include "lbVersions.h"
 #include "markforgeVersion.h"
 #include "outputFile.h"
+#include "verifyCommand.h"
 
 namespace markforge {
 namespace {
@@ -65,6 +68,45 @@ void AddKeygenCommand(CLI::App& app, keygenOptions& options)
     keygen->footer(EXIT_STATUS_TEXT);
 }
 
+void AddInfoCommand(CLI::App& app, infoOptions& options)
+{
+    CLI::App* info = app.add_subcommand("info", "Show what a container holds and where");
+    info->add_option("file", options.file, "Container file")->required()->type_name("FILE");
+    info->add_flag("--json", options.json, "One JSON document on standard output (docs/json.md)");
+    info->add_option("--keyring", options.keyring, "Folder of public keys: name the key behind each signature")
+        ->type_name("DIR");
+    info->footer(EXIT_STATUS_TEXT);
+}
+
+void AddVerifyCommand(CLI::App& app, verifyOptions& options)
+{
+    CLI::App* verify = app.add_subcommand("verify", "Check every component signature and the archive signature");
+    verify->add_option("file", options.file, "Container file")->required()->type_name("FILE");
+    verify->add_option("--key", options.key, "Public key: PEM (public or private), markforge key file or raw modulus")
+        ->required()
+        ->type_name("PUBKEY");
+    verify->add_flag("--json", options.json, "One JSON document on standard output (docs/json.md)");
+    verify->footer(std::string("Verdicts: ok, digest-mismatch (a good signature over other bytes), bad-signature\n"
+                               "(not this key's signature), outside-file (the record points past the end).\n") +
+                   EXIT_STATUS_TEXT);
+}
+
+void AddExtractCommand(CLI::App& app, extractOptions& options)
+{
+    CLI::App* extract = app.add_subcommand("extract", "Copy a component, the header signature or the payload out");
+    extract->add_option("file", options.file, "Container file")->required()->type_name("FILE");
+    CLI::Option* component =
+        extract->add_option("--component", options.component, "The component called NAME")->type_name("NAME");
+    CLI::Option* signature =
+        extract->add_flag("--header-signature", options.headerSignature, "The header block's signature bytes");
+    CLI::Option* payload = extract->add_flag("--payload", options.payload, "Everything after the header block");
+    component->excludes(signature)->excludes(payload);
+    signature->excludes(payload);
+    extract->add_option("-o,--output", options.output, "File to write")->required()->type_name("OUT");
+    extract->footer(EXIT_STATUS_TEXT);
+    extract->callback([&options, component] { options.componentGiven = component->count() > 0; });
+}
+
 // CLI11's help goes to standard output with status 0; any other complaint
 // goes to standard error as a usage error.
 exitStatus ReportParseError(CLI::App& app, const CLI::ParseError& error)
@@ -110,6 +152,12 @@ bool Main::Run(int argc, char** argv)
     keygenOptions keygen;
     AddBuildCommand(app, build);
     AddKeygenCommand(app, keygen);
+    infoOptions info;
+    verifyOptions verify;
+    extractOptions extract;
+    AddInfoCommand(app, info);
+    AddVerifyCommand(app, verify);
+    AddExtractCommand(app, extract);
 
     try {
         app.parse(argc, argv);
@@ -132,6 +180,9 @@ bool Main::Run(int argc, char** argv)
         if (!OpenCrypto()) throw commandFailure(exitStatus::signingFailed, "OpenSSL's default provider cannot be loaded");
         if (app.got_subcommand("build")) buildCommand(build).Run(std::cout);
         if (app.got_subcommand("keygen")) keygenCommand(keygen).Run();
+        if (app.got_subcommand("info")) infoCommand(info).Run(std::cout);
+        if (app.got_subcommand("verify")) verifyCommand(verify).Run(std::cout);
+        if (app.got_subcommand("extract")) extractCommand(extract).Run();
         CloseCrypto();
     } catch (const commandFailure& failure) {
         CloseCrypto();

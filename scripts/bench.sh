@@ -9,15 +9,18 @@
 #   5. markforge-agent: signatures per second with 64 clients (key folder and
 #      SoftHSM2) against `openssl speed -multi <cores> rsa2048`, and the
 #      latency it adds at one client
+#   6. `markforge verify` of a container with one 1 GiB component against one
+#      `openssl dgst` pass over the same bytes, and of two components against
+#      two passes; its peak memory for 64 MiB and 1 GiB containers
 # Not part of the test suite: timings depend on the machine and its load.
 #
 # Environment: MARKFORGE_SKIP_SETUP=1 skips scripts/setup.sh; BENCH_DIR picks
 # the folder for the test files (default: a new folder under /tmp, removed
 # at the end); BENCH_BIG_MIB sets the big file's size (default 1024);
 # BENCH_CONVERT_ROUNDS the rounds per conversion (default 25); BENCH_ONLY
-# one part: hashing, conversions, memory, build or agent; BENCH_AGENT_SECONDS
-# the length of each agent load run (default 10); BENCH_AGENT_ROUNDS the
-# alternating openssl/agent rounds (default 3).
+# one part: hashing, conversions, memory, build, agent or verify;
+# BENCH_AGENT_SECONDS the length of each agent load run (default 10);
+# BENCH_AGENT_ROUNDS the alternating openssl/agent rounds (default 3).
 set -euo pipefail
 source "$(dirname "${BASH_SOURCE[0]}")/lib.sh"
 
@@ -67,6 +70,12 @@ csv_cpu() {
         NR == row + 1 { print $col["user"] + $col["system"] }' "$1"
 }
 
+# Mean wall seconds of rows 1 and 2 of a hyperfine CSV, then their mean CPU
+# seconds, on one line.
+pair_times() {
+    echo "$(csv_field "$1" 1 mean) $(csv_field "$1" 2 mean) $(csv_cpu "$1" 1) $(csv_cpu "$1" 2)"
+}
+
 mbps() {
     awk -v s="$1" -v t="$2" 'BEGIN { printf "%.0f", s / t / 1e6 }'
 }
@@ -110,10 +119,7 @@ bench_hashing() {
             -n "markforge $algorithm" "$HASH_BENCH --hash-once $algorithm $file" \
             -n "openssl $algorithm" "openssl dgst -$algorithm $file"
         local ours theirs ours_cpu theirs_cpu
-        ours="$(csv_field "$csv" 1 mean)"
-        theirs="$(csv_field "$csv" 2 mean)"
-        ours_cpu="$(csv_cpu "$csv" 1)"
-        theirs_cpu="$(csv_cpu "$csv" 2)"
+        read -r ours theirs ours_cpu theirs_cpu < <(pair_times "$csv")
         record "$(printf '  %-9s %15s %13s %7s   %15s %13s %7s' "$algorithm" \
             "$(mbps "$size" "$ours")" "$(mbps "$size" "$theirs")" "$(ratio "$theirs" "$ours")" \
             "$(mbps "$size" "$ours_cpu")" "$(mbps "$size" "$theirs_cpu")" "$(ratio "$theirs_cpu" "$ours_cpu")")"
@@ -297,8 +303,8 @@ make_token() {
     (umask 077 && echo 4711 >"$hsm/pin")
 }
 
-# The middle value of the numbers given.
-median() {
+# The middle value of the numbers given as arguments.
+median_of() {
     printf '%s\n' "$@" | sort -g | awk '{ v[NR] = $1 } END { print v[int((NR + 1) / 2)] }'
 }
 
@@ -325,8 +331,8 @@ bench_agent() {
     start_agent --pkcs11-module /usr/lib/softhsm/libsofthsm2.so --token bench --pin-file "$WORK/agent/hsm/pin"
     hsm="$("$AGENT_LOAD" --port "$AGENT_PORT" --clients 64 --seconds "$AGENT_SECONDS" --key bench)"
     stop_agent
-    multi="$(median "${multi_rates[@]}")"
-    folder="$(median "${folder_rates[@]}")"
+    multi="$(median_of "${multi_rates[@]}")"
+    folder="$(median_of "${folder_rates[@]}")"
     added="$(awk -v mean="$(load_field "$one" mean_us)" -v rate="$single" 'BEGIN { printf "%.0f", mean - 1e6 / rate }')"
 
     record ""
@@ -343,6 +349,54 @@ bench_agent() {
     record "   load average at the end: $(cut -d' ' -f1-3 /proc/loadavg))"
 }
 
+# Builds `container` from NAME=FILE words, signed by the bench key.
+build_container() {
+    local container="$1"
+    shift
+    "$MARKFORGE" build -o "$container" --key bench --mode development --key-dir "$WORK" "$@" >/dev/null
+}
+
+# One hyperfine comparison of `markforge verify` against an openssl command;
+# prints wall and CPU ratios.
+bench_verify_pair() {
+    local label="$1" ours="$2" theirs="$3" size="$4"
+    local csv="$WORK/verify.csv"
+    hyperfine -N --style basic --warmup 1 --runs 10 --export-csv "$csv" -n "markforge verify" "$ours" \
+        -n "openssl" "$theirs"
+    local a b ac bc
+    read -r a b ac bc < <(pair_times "$csv")
+    record "$(printf '  %-24s %9.3f %9.3f %7s   %9.3f %9.3f %7s   %6s %6s' "$label" "$a" "$b" "$(ratio "$a" "$b")" \
+        "$ac" "$bc" "$(ratio "$ac" "$bc")" "$(mbps "$size" "$a")" "$(mbps "$size" "$b")")"
+}
+
+bench_verify() {
+    banner "bench: markforge verify of ${BIG_MIB} MiB against openssl dgst"
+    "$MARKFORGE" keygen --bits 2048 -o "$WORK/bench.markforge" --public-out "$WORK/bench.pem" >/dev/null
+    local big="$WORK/file-big" size=$((BIG_MIB << 20)) half=$((BIG_MIB << 19))
+    build_container "$WORK/one.bin" "image=$big"
+    head -c "$half" "$big" >"$WORK/half-1"
+    tail -c +"$((half + 1))" "$big" >"$WORK/half-2"
+    build_container "$WORK/two.bin" "first=$WORK/half-1" "second=$WORK/half-2"
+    rm -f "$WORK/half-1" "$WORK/half-2"
+    build_container "$WORK/small.bin" "image=$WORK/file-64MiB"
+    "$MARKFORGE" verify "$WORK/one.bin" --key "$WORK/bench.pem" >/dev/null || die "verify of one.bin failed"
+    "$MARKFORGE" verify "$WORK/two.bin" --key "$WORK/bench.pem" >/dev/null || die "verify of two.bin failed"
+    cat "$WORK/one.bin" "$WORK/two.bin" "$big" >/dev/null  # all from the page cache
+    record ""
+    record "markforge verify, SHA-256, ${BIG_MIB} MiB of components (whole process, mean of hyperfine runs)"
+    record "$(printf '  %-24s %9s %9s %7s   %9s %9s %7s   %6s %6s' case 'verify s' 'openssl s' ratio \
+        'verify CPU' 'ssl CPU' ratio 'MB/s' 'MB/s')"
+    bench_verify_pair "1 component vs 1 pass" "$MARKFORGE verify $WORK/one.bin --key $WORK/bench.pem" \
+        "openssl dgst -sha256 $big" "$size"
+    bench_verify_pair "2 components vs 2 passes" "$MARKFORGE verify $WORK/two.bin --key $WORK/bench.pem" \
+        "openssl dgst -sha256 $big $big" "$size"
+    record "  (ratio: markforge / openssl, target <= 1.10; two passes: openssl hashes the file twice in one process)"
+    record "$(printf '  peak memory (KiB): verify 64 MiB %s, verify %s MiB %s, openssl dgst %s MiB %s' \
+        "$(peak_kib "$MARKFORGE" verify "$WORK/small.bin" --key "$WORK/bench.pem")" "$BIG_MIB" \
+        "$(peak_kib "$MARKFORGE" verify "$WORK/one.bin" --key "$WORK/bench.pem")" "$BIG_MIB" \
+        "$(peak_kib openssl dgst -sha256 "$big")")"
+}
+
 case "${BENCH_ONLY:-all}" in
 all)
     make_files
@@ -351,13 +405,15 @@ all)
     bench_memory
     bench_build
     bench_agent
+    bench_verify
     ;;
 build) make_files && bench_build ;;
 hashing) make_files && bench_hashing ;;
 conversions) bench_conversions ;;
 memory) make_files && bench_memory ;;
 agent) bench_agent ;;
-*) die "BENCH_ONLY must be hashing, conversions, memory, build or agent" ;;
+verify) make_files && bench_verify ;;
+*) die "BENCH_ONLY must be hashing, conversions, memory, build, agent or verify" ;;
 esac
 
 banner "bench: summary ($(nproc) cores, $(grep -m1 'model name' /proc/cpuinfo | cut -d: -f2 | xargs))"

@@ -29,6 +29,9 @@ ProcessResult RunRecaster(const std::vector<std::string>& args);
 // Runs the built markforge with these arguments.
 ProcessResult RunMarkforge(const std::vector<std::string>& args);
 
+// Runs the built markforge with these arguments.
+ProcessResult RunMarkforge(const std::vector<std::string>& args);
+
 // Runs `argv` on a new pseudo-terminal, as a user at a terminal would: once
 // its output shows `prompt`, `typed` is written to the terminal. Standard
 // output and standard error both arrive in `out`. A child still running after

@@ -1,0 +1,202 @@
+// markforge::containerReport: the info and verify documents and their text.
+#include "containerReport.h"
+
+#include "digestStream.h"
+#include "hexString.h"
+
+namespace markforge {
+namespace {
+
+std::string Lower(std::string text)
+{
+    for (char& c : text)
+        if (c >= 'A' && c <= 'F') c = static_cast<char>(c - 'A' + 'a');
+    return text;
+}
+
+std::vector<uint8_t> Sha256Of(const std::vector<uint8_t>& bytes)
+{
+    return digestStream::Of(digestStream::KeptId(0), bytes.data(), bytes.size());
+}
+
+// "sha256", "sha384", "sha512", or nullptr when the digest length names none.
+const char* HashWord(uint32_t hashId)
+{
+    if (!hashId) return nullptr;
+    switch (digestStream::LengthOf(hashId)) {
+    case 48: return "sha384";
+    case 64: return "sha512";
+    default: return "sha256";
+    }
+}
+
+}  // namespace
+
+containerReport::containerReport(const std::string& path, const containerContents& contents)
+    : _path(path), _contents(contents)
+{
+}
+
+std::string containerReport::Hex(const std::vector<uint8_t>& bytes)
+{
+    return Lower(lockbase::hexString(bytes).text);
+}
+
+bool containerReport::IsPrintable(const std::string& bytes)
+{
+    for (unsigned char c : bytes)
+        if (c < 0x20 || c > 0x7E) return false;
+    return true;
+}
+
+std::string containerReport::ShownName(const std::string& name)
+{
+    return IsPrintable(name) ? name : "hex:" + Hex(std::vector<uint8_t>(name.begin(), name.end()));
+}
+
+std::string containerReport::JsonText(const nlohmann::ordered_json& document)
+{
+    return document.dump(2, ' ', false, nlohmann::ordered_json::error_handler_t::replace) + "\n";
+}
+
+void containerReport::AddName(nlohmann::ordered_json& object, const std::string& name) const
+{
+    const bool text = IsPrintable(name);
+    object["name"] = text ? name : Hex(std::vector<uint8_t>(name.begin(), name.end()));
+    object["name_encoding"] = text ? "text" : "hex";
+}
+
+nlohmann::ordered_json containerReport::Preamble(const char* command) const
+{
+    nlohmann::ordered_json document;
+    document["schema"] = SCHEMA;
+    document["command"] = command;
+    document["file"] = _path;
+    document["file_size"] = _contents.fileSize;
+    return document;
+}
+
+nlohmann::ordered_json containerReport::HeaderFields() const
+{
+    nlohmann::ordered_json header;
+    header["offset"] = _contents.headerOffset;
+    header["version"] = _contents.version;
+    header["signature_length"] = _contents.signatureLength;
+    header["signature_fingerprint"] = Hex(Sha256Of(_contents.signature));
+    header["table_size"] = _contents.tableSize;
+    header["digest_length"] = _contents.digestLength;
+    const char* hash = HashWord(_contents.hashId);
+    header["hash"] = hash ? nlohmann::ordered_json(hash) : nlohmann::ordered_json(nullptr);
+    return header;
+}
+
+nlohmann::ordered_json containerReport::SignerField(const keyring& signers, const std::vector<uint8_t>& signature)
+{
+    const keyringEntry* signer = signers.SignerOf(signature);
+    if (!signer) return nullptr;
+    nlohmann::ordered_json field;
+    field["file"] = signer->file;
+    field["fingerprint"] = Hex(signer->fingerprint);
+    return field;
+}
+
+std::string containerReport::SignerText(const keyring& signers, const std::vector<uint8_t>& signature)
+{
+    const keyringEntry* signer = signers.SignerOf(signature);
+    if (!signer) return "no key in the keyring verifies it";
+    return signer->file + " (key SHA-256 " + Hex(signer->fingerprint) + ")";
+}
+
+nlohmann::ordered_json containerReport::InfoDocument(const keyring* signers) const
+{
+    nlohmann::ordered_json document = Preamble("info");
+    nlohmann::ordered_json header = HeaderFields();
+    if (signers) header["signer"] = SignerField(*signers, _contents.signature);
+    document["header"] = header;
+    document["payload"] = {{"offset", _contents.payloadOffset}, {"length", _contents.payloadLength}};
+    nlohmann::ordered_json components = nlohmann::ordered_json::array();
+    for (const componentEntry& component : _contents.components) {
+        nlohmann::ordered_json entry;
+        entry["index"] = component.index;
+        AddName(entry, component.name);
+        entry["offset"] = component.offset;
+        entry["size"] = component.size;
+        entry["inside_file"] = component.insideFile;
+        entry["signature_length"] = component.signatureLength;
+        entry["signature_fingerprint"] = Hex(Sha256Of(component.signature));
+        if (signers) entry["signer"] = SignerField(*signers, component.signature);
+        components.push_back(entry);
+    }
+    document["components"] = components;
+    if (signers) {
+        nlohmann::ordered_json keys = nlohmann::ordered_json::array();
+        for (const keyringEntry& entry : signers->Entries())
+            keys.push_back({{"file", entry.file}, {"fingerprint", Hex(entry.fingerprint)}});
+        document["keyring"] = {{"keys", keys}, {"skipped", signers->Skipped()}};
+    }
+    return document;
+}
+
+void containerReport::WriteInfoText(std::ostream& out, const keyring* signers) const
+{
+    const char* hash = HashWord(_contents.hashId);
+    out << "file:             " << _path << " (" << _contents.fileSize << " bytes)\n";
+    out << "header block:     at byte " << _contents.headerOffset << ", version " << _contents.version << "\n";
+    out << "signature:        " << _contents.signatureLength << " bytes, SHA-256 "
+        << Hex(Sha256Of(_contents.signature)) << "\n";
+    if (signers) out << "signed by:        " << SignerText(*signers, _contents.signature) << "\n";
+    out << "digest length:    " << _contents.digestLength << " ("
+        << (hash ? digestStream::NameOf(_contents.hashId) : "no SHA-2 of that length; read as SHA-256") << ")\n";
+    out << "payload:          at byte " << _contents.payloadOffset << ", " << _contents.payloadLength << " bytes\n";
+    out << "components:       " << _contents.components.size() << "\n";
+    for (const componentEntry& component : _contents.components) {
+        out << "  " << component.index << " " << ShownName(component.name) << ": offset " << component.offset
+            << ", size " << component.size << (component.insideFile ? "" : " (past the end of the file)")
+            << ", signature " << component.signatureLength << " bytes, SHA-256 " << Hex(Sha256Of(component.signature))
+            << "\n";
+        if (signers) out << "    signed by: " << SignerText(*signers, component.signature) << "\n";
+    }
+}
+
+nlohmann::ordered_json containerReport::VerifyDocument(const std::string& keyPath, const publicKey& key,
+                                                       const verifyResult& result) const
+{
+    nlohmann::ordered_json document = Preamble("verify");
+    document["key"] = {{"file", keyPath}, {"fingerprint", Hex(key.Fingerprint())}};
+    document["header"] = HeaderFields();
+    nlohmann::ordered_json components = nlohmann::ordered_json::array();
+    for (size_t i = 0; i < _contents.components.size(); ++i) {
+        const componentEntry& component = _contents.components[i];
+        nlohmann::ordered_json entry;
+        entry["index"] = component.index;
+        AddName(entry, component.name);
+        entry["offset"] = component.offset;
+        entry["size"] = component.size;
+        const std::vector<uint8_t>& digest = result.componentDigests[i];
+        entry["digest"] = digest.empty() ? nlohmann::ordered_json(nullptr) : nlohmann::ordered_json(Hex(digest));
+        entry["verdict"] = VerdictName(result.components[i]);
+        components.push_back(entry);
+    }
+    document["components"] = components;
+    const std::vector<uint8_t>& digest = result.archiveDigest;
+    document["archive"] = {
+        {"digest", digest.empty() ? nlohmann::ordered_json(nullptr) : nlohmann::ordered_json(Hex(digest))},
+        {"verdict", VerdictName(result.archive)}};
+    document["problems"] = result.Problems();
+    return document;
+}
+
+void containerReport::WriteVerifyText(std::ostream& out, const verifyResult& result) const
+{
+    for (size_t i = 0; i < _contents.components.size(); ++i)
+        out << "component " << i << " " << ShownName(_contents.components[i].name) << ": "
+            << VerdictName(result.components[i]) << "\n";
+    out << "archive: " << VerdictName(result.archive) << "\n";
+    const size_t problems = result.Problems();
+    if (problems == 0)
+        out << "verified: every signature is good\n";
+    else
+        out << problems << (problems == 1 ? " problem" : " problems") << " found\n";
+}
+
+}  // namespace markforge

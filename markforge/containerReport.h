@@ -1,0 +1,51 @@
+// markforge::containerReport: what info and verify print, as text for a
+// person or as one JSON document ({"schema": 1, ...}, keys in a fixed order).
+#pragma once
+
+#include <nlohmann/json.hpp>
+
+#include <ostream>
+#include <string>
+
+#include "containerReader.h"
+#include "containerVerifier.h"
+#include "keyring.h"
+
+namespace markforge {
+
+class containerReport {
+public:
+    static constexpr int SCHEMA = 1;
+
+    // `path` is the container as named on the command line.
+    containerReport(const std::string& path, const containerContents& contents);
+
+    // info; `signers` may be nullptr (no --keyring).
+    nlohmann::ordered_json InfoDocument(const keyring* signers) const;
+    void WriteInfoText(std::ostream& out, const keyring* signers) const;
+
+    // verify, under the key read from `keyPath`.
+    nlohmann::ordered_json VerifyDocument(const std::string& keyPath, const publicKey& key,
+                                          const verifyResult& result) const;
+    void WriteVerifyText(std::ostream& out, const verifyResult& result) const;
+
+    // The document as text: valid UTF-8 whatever the paths hold, one newline
+    // at the end.
+    static std::string JsonText(const nlohmann::ordered_json& document);
+    // A name as text when every byte is printable ASCII, otherwise as hex.
+    static bool IsPrintable(const std::string& bytes);
+    static std::string Hex(const std::vector<uint8_t>& bytes);
+
+private:
+    nlohmann::ordered_json Preamble(const char* command) const;
+    nlohmann::ordered_json HeaderFields() const;
+    void AddName(nlohmann::ordered_json& object, const std::string& name) const;
+    static nlohmann::ordered_json SignerField(const keyring& signers, const std::vector<uint8_t>& signature);
+    static std::string SignerText(const keyring& signers, const std::vector<uint8_t>& signature);
+    static std::string ShownName(const std::string& name);
+
+    std::string _path;
+    const containerContents& _contents;
+};
+
+}  // namespace markforge

@@ -1,0 +1,98 @@
+// markforge::extractCommand: pick the range, stream it out, rename.
+#include "extractCommand.h"
+
+#include <sys/stat.h>
+#include <unistd.h>
+
+#include <cerrno>
+#include <cstring>
+
+#include "containerInput.h"
+#include "containerReport.h"
+#include "exitStatus.h"
+#include "outputFile.h"
+
+namespace markforge {
+namespace {
+
+bool WriteAll(int fd, const uint8_t* data, size_t length)
+{
+    while (length > 0) {
+        const ssize_t n = write(fd, data, length);
+        if (n < 0 && errno == EINTR) continue;
+        if (n <= 0) return false;
+        data += n;
+        length -= static_cast<size_t>(n);
+    }
+    return true;
+}
+
+// The names a container holds, for the message when NAME is not one of them.
+std::string NamesOf(const containerContents& contents)
+{
+    std::string names;
+    for (const componentEntry& component : contents.components)
+        names += (names.empty() ? "" : ", ") + std::string(containerReport::IsPrintable(component.name)
+                                                                ? component.name
+                                                                : "(a name that is not printable text)");
+    return names.empty() ? "none" : names;
+}
+
+}  // namespace
+
+void extractCommand::CheckUsage() const
+{
+    const int chosen = int(_options.componentGiven) + int(_options.headerSignature) + int(_options.payload);
+    if (chosen != 1)
+        throw commandFailure(exitStatus::usage, "extract needs exactly one of --component NAME, --header-signature "
+                                                "and --payload");
+}
+
+void extractCommand::CheckOutputIsNotTheContainer() const
+{
+    struct stat output;
+    struct stat input;
+    if (stat(_options.output.c_str(), &output) != 0 || stat(_options.file.c_str(), &input) != 0) return;
+    if (output.st_dev == input.st_dev && output.st_ino == input.st_ino)
+        throw commandFailure(exitStatus::usage, "the output " + _options.output + " is the container " + _options.file +
+                                                    " itself; write the extracted bytes elsewhere");
+}
+
+void extractCommand::Run()
+{
+    CheckUsage();
+    CheckOutputIsNotTheContainer();
+    containerReader reader;
+    containerInput::Open(reader, _options.file);
+    const containerContents& contents = reader.Contents();
+
+    outputFile output;
+    std::string reason;
+    if (!output.Create(_options.output, reason)) throw commandFailure(exitStatus::fileSystem, reason);
+    bool written = true;
+    int writeError = 0;
+    const fileReader::sink toOutput = [&](const uint8_t* data, size_t length) {
+        if (!writeError && !WriteAll(output.Fd(), data, length)) writeError = errno ? errno : EIO;
+    };
+    if (_options.headerSignature) {
+        toOutput(contents.signature.data(), contents.signature.size());
+    } else if (_options.payload) {
+        written = reader.File().Stream(contents.payloadOffset, contents.payloadLength, toOutput, reason);
+    } else {
+        const componentEntry* component = contents.Find(_options.component);
+        if (!component)
+            throw commandFailure(exitStatus::usage, _options.file + " has no component named '" +
+                                                        _options.component + "' (it has: " + NamesOf(contents) + ")");
+        if (!component->insideFile)
+            throw commandFailure(exitStatus::badInput, "component " + _options.component + " of " + _options.file +
+                                                           " runs past the end of the file");
+        written = reader.File().Stream(component->fileOffset, component->size, toOutput, reason);
+    }
+    if (!written) throw commandFailure(exitStatus::fileSystem, reason);
+    if (writeError)
+        throw commandFailure(exitStatus::fileSystem,
+                             "cannot write " + _options.output + ": " + std::strerror(writeError));
+    if (!output.Commit(reason)) throw commandFailure(exitStatus::fileSystem, reason);
+}
+
+}  // namespace markforge
