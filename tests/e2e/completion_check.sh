@@ -6,30 +6,9 @@ set -u
 script=$1
 source "$script" || exit 1
 
-work=$(mktemp -d "${TMPDIR:-/tmp}/markforge-completion-XXXXXX") || exit 1
-trap 'rm -rf "$work"' EXIT
-mkdir "$work/keys"
-touch "$work/key.pem" "$work/key.markforge" "$work/other.txt"
-cd "$work" || exit 1
-
-failures=0
-
-# <expected words, sorted, space-separated> <words of the command line...>:
-# the last word is the one being completed.
-expect() {
-    local expected=$1
-    shift
-    COMP_WORDS=("$@")
-    COMP_CWORD=$((${#COMP_WORDS[@]} - 1))
-    COMPREPLY=()
-    _recaster
-    local got
-    got=$(printf '%s\n' "${COMPREPLY[@]}" | sed '/^$/d' | sort | tr '\n' ' ' | sed 's/ $//')
-    if [ "$got" != "$expected" ]; then
-        echo "FAIL: '$*' completed to [$got], expected [$expected]" >&2
-        failures=$((failures + 1))
-    fi
-}
+source "$(dirname "$0")/../support/completionHarness.sh"
+COMPLETION_FUNCTION=_recaster
+completion_folder keys/ key.pem key.markforge other.txt
 
 expect "--convertkey --convertsig --help --version" recaster ""
 expect "--convertkey --convertsig" recaster --conv
@@ -46,5 +25,4 @@ expect "other.txt" recaster --convertkey -o o
 expect "" recaster -k ""
 expect "" recaster --convertkey -I x
 
-[ "$failures" -eq 0 ] || exit 1
-echo "recaster completion: every case as expected"
+completion_result

@@ -7,32 +7,9 @@ set -u
 source /usr/share/bash-completion/bash_completion || exit 1
 source "$1" || exit 1
 
-work=$(mktemp -d "${TMPDIR:-/tmp}/markforge-completion-XXXXXX") || exit 1
-trap 'rm -rf "$work"' EXIT
-mkdir "$work/keys"
-touch "$work/zImage" "$work/keygen.so" "$work/dev.pem"
-cd "$work" || exit 1
-
-failures=0
-
-# <expected words, sorted, space-separated> <words of the command line...>:
-# the last word is the one being completed.
-expect() {
-    local expected=$1
-    shift
-    COMP_WORDS=("$@")
-    COMP_CWORD=$((${#COMP_WORDS[@]} - 1))
-    COMP_LINE="$*"
-    COMP_POINT=${#COMP_LINE}
-    COMPREPLY=()
-    _markforge
-    local got
-    got=$(printf '%s\n' "${COMPREPLY[@]}" | sed '/^$/d' | LC_ALL=C sort | tr '\n' ' ' | sed 's/ $//')
-    if [ "$got" != "$expected" ]; then
-        echo "FAIL: '$*' completed to [$got], expected [$expected]" >&2
-        failures=$((failures + 1))
-    fi
-}
+source "$(dirname "$0")/../support/completionHarness.sh"
+COMPLETION_FUNCTION=_markforge
+completion_folder keys/ zImage keygen.so dev.pem
 
 expect "--help --version build keygen" markforge ""
 expect "build" markforge bu
@@ -47,5 +24,4 @@ expect "kernel=zImage" markforge build kernel=z
 expect "dev.pem" markforge build --verify-key d
 expect "" markforge build --key ""
 
-[ "$failures" -eq 0 ] || exit 1
-echo "markforge completion: every case as expected"
+completion_result
