@@ -27,6 +27,10 @@ set(CMAKE_FIND_ROOT_PATH_MODE_PROGRAM NEVER)
 set(CMAKE_FIND_ROOT_PATH_MODE_LIBRARY ONLY)
 set(CMAKE_FIND_ROOT_PATH_MODE_INCLUDE ONLY)
 set(CMAKE_FIND_ROOT_PATH_MODE_PACKAGE ONLY)
+# CLI11 and nlohmann-json are headers only, the same for every architecture:
+# the host's Debian packages serve the cross build as they are.
+set(CLI11_DIR /usr/share/cmake/CLI11 CACHE PATH "CLI11's CMake package (headers only)")
+set(nlohmann_json_DIR /usr/share/cmake/nlohmann_json CACHE PATH "nlohmann-json's CMake package (headers only)")
 
 # The cross compiler also searches the host's /usr/include, where the x86
 # OpenSSL headers live; the armhf ones must be found first, including the
