@@ -11,8 +11,15 @@ source "$(dirname "$0")/../support/completionHarness.sh"
 COMPLETION_FUNCTION=_markforge
 completion_folder keys/ zImage keygen.so dev.pem
 
-expect "--help --version build keygen" markforge ""
+expect "--help --version build extract info keygen verify" markforge ""
 expect "build" markforge bu
+expect "--help --json --keyring" markforge info zImage --
+expect "keys" markforge info zImage --keyring k
+expect "--help --json --key" markforge verify zImage --
+expect "dev.pem" markforge verify zImage --key d
+expect "--component --header-signature --help --output --payload" markforge extract zImage --
+expect "" markforge extract zImage --component ""
+expect "zImage" markforge extract z
 expect "--hash --header-only --help" markforge build --h
 expect "development production" markforge build --mode ""
 expect "sha256 sha384 sha512" markforge build --hash ""
