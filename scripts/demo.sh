@@ -1,8 +1,9 @@
 #!/usr/bin/env bash
-# Sets the machine up, builds recaster (Release) and runs it on the sample
-# files in samples/ through every kind of conversion, showing each command,
-# what it wrote and what openssl makes of the result. Outputs go to
-# build-demo/out/.
+# Sets the machine up, builds recaster and markforge (Release) and runs them
+# on the sample files in samples/: recaster through every kind of
+# conversion, markforge through a container's life (key, build, info,
+# verify, extract). Each command is shown with what it wrote and what openssl
+# makes of the result. Outputs go to build-demo/out/.
 #   MARKFORGE_SKIP_SETUP=1   do not run scripts/setup.sh
 set -euo pipefail
 source "$(dirname "${BASH_SOURCE[0]}")/lib.sh"
@@ -12,11 +13,13 @@ if [ "${MARKFORGE_SKIP_SETUP:-0}" != 1 ]; then
     bash scripts/setup.sh demo
 fi
 
-banner "build recaster (Release) in build-demo/"
+banner "build recaster and markforge (Release) in build-demo/"
 cmake -S . -B build-demo -G Ninja -DCMAKE_BUILD_TYPE=Release -DMARKFORGE_TESTS=OFF -DMARKFORGE_WERROR=ON >/dev/null
-ninja -C build-demo -j "$MARKFORGE_JOBS" recaster
+ninja -C build-demo -j "$MARKFORGE_JOBS" recaster markforge_program keydir
 
 RECASTER=build-demo/bin/recaster
+MARKFORGE=build-demo/bin/markforge
+TOOL="$RECASTER"
 S=samples
 OUT=build-demo/out
 rm -rf "$OUT"
@@ -30,9 +33,9 @@ run() {
     local expected_status="$1"
     shift
     STEPS=$((STEPS + 1))
-    printf '\n$ recaster %s\n' "$*"
+    printf '\n$ %s %s\n' "$(basename "$TOOL")" "$*"
     local status=0
-    "$RECASTER" "$@" >"$OUT/.stdout" 2>"$OUT/.stderr" || status=$?
+    "$TOOL" "$@" >"$OUT/.stdout" 2>"$OUT/.stderr" || status=$?
     printf '  exit status %d\n' "$status"
     [ -s "$OUT/.stdout" ] && sed 's/^/  stdout| /' "$OUT/.stdout"
     [ -s "$OUT/.stderr" ] && sed 's/^/  stderr| /' "$OUT/.stderr"
@@ -142,9 +145,27 @@ run 0 --version
 banner "a refused conversion: a PEM public key to PEM"
 run 1 --convertkey -i "$S/rsa2048-public.pem" -o "$OUT/refused.pem" -I pem -O pem
 
+TOOL="$MARKFORGE"
+banner "markforge: a development key and a signed container"
+mkdir -p "$OUT/keys"
+run 0 keygen --bits 2048 -o "$OUT/keys/dev.markforge" --public-out "$OUT/dev.pem"
+check "openssl reads the public key" openssl pkey -pubin -in "$OUT/dev.pem" -noout
+run 0 build -o "$OUT/demo.img" --key dev --mode development --key-dir "$OUT/keys" --hash sha384 \
+    readme="$S/payload.txt" key="$S/rsa2048-public.pem"
+show_file "$OUT/demo.img"
+check "openssl alone verifies every signature (docs/examples/verify-with-openssl.sh)" \
+    sh docs/examples/verify-with-openssl.sh "$OUT/demo.img" "$OUT/dev.pem"
+run 0 info "$OUT/demo.img" --keyring "$OUT"
+run 0 verify "$OUT/demo.img" --key "$OUT/dev.pem"
+run 0 extract "$OUT/demo.img" --component readme -o "$OUT/readme.txt"
+same_as "$OUT/readme.txt" "$S/payload.txt"
+banner "a changed byte: verify names the component and the archive"
+cp "$OUT/demo.img" "$OUT/changed.img"
+printf 'X' | dd of="$OUT/changed.img" bs=1 seek=4100 conv=notrunc status=none
+run 1 verify "$OUT/changed.img" --key "$OUT/dev.pem"
 rm -f "$OUT/.stdout" "$OUT/.stderr"
 banner "demo done"
-echo "  $STEPS recaster runs; outputs in $OUT/"
+echo "  $STEPS runs of recaster and markforge; outputs in $OUT/"
 if [ "$CHECKS_FAILED" -ne 0 ]; then
     echo "  $CHECKS_FAILED checks FAILED"
     exit 1

@@ -4,9 +4,10 @@
 #
 #   bash scripts/setup.sh [PURPOSE...]    default: test
 #
-#   demo      compiler, CMake, Ninja, OpenSSL: what scripts/demo.sh needs
-#   native    demo + GoogleTest, Google Benchmark, scdoc, man-db, python3 and
-#             the other programs' libraries: the native and sanitize stages
+#   demo      compiler, CMake, Ninja, OpenSSL, and the CLI11, nlohmann-json
+#             and libp11 headers: what scripts/demo.sh (and any build) needs
+#   native    demo + GoogleTest, Google Benchmark, scdoc, man-db, python3,
+#             bash-completion and SoftHSM2: the native and sanitize stages
 #   sanitize  the same as native
 #   fuzz      clang and libFuzzer
 #   arm       the ARM cross compiler, qemu-user, GoogleTest's sources and the
@@ -24,17 +25,19 @@ set -euo pipefail
 source "$(dirname "${BASH_SOURCE[0]}")/lib.sh"
 
 # What each purpose installs, beyond what the ones it builds on install.
-DEMO_PACKAGES=(build-essential cmake ninja-build openssl libssl-dev)
+# Every configuration of the tree needs these: the compiler, CMake, OpenSSL,
+# and the headers of CLI11, nlohmann-json and libp11 (the programs' own).
+DEMO_PACKAGES=(build-essential cmake ninja-build openssl libssl-dev pkg-config libcli11-dev nlohmann-json3-dev
+    libp11-dev)
 NATIVE_PACKAGES=(
-    "${DEMO_PACKAGES[@]}" pkg-config
+    "${DEMO_PACKAGES[@]}"
     googletest libgtest-dev libbenchmark-dev
-    scdoc man-db python3 bash-completion
-    libcli11-dev nlohmann-json3-dev libp11-dev softhsm2 opensc
+    scdoc man-db python3 bash-completion softhsm2 opensc
 )
 FUZZ_PACKAGES=("${DEMO_PACKAGES[@]}" clang libfuzzer-14-dev libclang-rt-14-dev)
 ARM_PACKAGES=("${DEMO_PACKAGES[@]}" googletest g++-arm-linux-gnueabihf qemu-user)
 PACKAGE_PACKAGES=("${NATIVE_PACKAGES[@]}" dpkg-dev lintian file)
-BENCH_PACKAGES=("${DEMO_PACKAGES[@]}" libbenchmark-dev hyperfine time valgrind)
+BENCH_PACKAGES=("${DEMO_PACKAGES[@]}" libbenchmark-dev hyperfine time valgrind softhsm2 opensc)
 
 # The private apt folder for the armhf download: its own package lists,
 # cache and (empty) dpkg status, with armhf as its only architecture.
