@@ -8,13 +8,12 @@
 #include <atomic>
 #include <map>
 
+#include "digestStream.h"
+
 namespace agent {
 namespace {
 
-struct PkeyCtxFree {
-    void operator()(EVP_PKEY_CTX* ctx) const { EVP_PKEY_CTX_free(ctx); }
-};
-using PkeyCtxPtr = std::unique_ptr<EVP_PKEY_CTX, PkeyCtxFree>;
+using lockbase::PkeyCtxPtr;
 
 // A context for `key` set to PKCS#1 v1.5 with `md`'s DigestInfo. The legacy
 // constructor is used so that a token's key keeps its own method.
@@ -109,11 +108,7 @@ bool AgentKey::Prepare(std::string& error)
         error = "key " + _name + ": unreadable public half: " + OpensslError();
         return false;
     }
-    std::vector<uint8_t> hash(EVP_MAX_MD_SIZE);
-    unsigned hashLength = 0;
-    EVP_Digest(_publicDer.data(), _publicDer.size(), hash.data(), &hashLength, EVP_sha256(), nullptr);
-    hash.resize(hashLength);
-    _fingerprint = "SHA256:" + HexText(hash);
+    _fingerprint = "SHA256:" + HexText(markforge::digestStream::Of(3, _publicDer.data(), _publicDer.size()));
     return true;
 }
 

@@ -11,12 +11,11 @@
 #include <string>
 #include <vector>
 
+#include "lbOpensslPtr.h"
+
 namespace agent {
 
-struct PkeyFree {
-    void operator()(EVP_PKEY* key) const { EVP_PKEY_free(key); }
-};
-using PkeyPtr = std::unique_ptr<EVP_PKEY, PkeyFree>;
+using lockbase::PkeyPtr;
 
 class AgentKey {
 public:

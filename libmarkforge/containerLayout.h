@@ -4,6 +4,8 @@
 
 #include <cstddef>
 #include <cstdint>
+#include <cstring>
+#include <string>
 
 namespace markforge {
 
@@ -75,6 +77,13 @@ inline void store_be32(uint8_t* p, uint32_t v)
     p[1] = uint8_t(v >> 16);
     p[2] = uint8_t(v >> 8);
     p[3] = uint8_t(v);
+}
+
+// A record's name: the name field up to its first NUL, never past the field.
+inline std::string record_name(const CompBlock& record)
+{
+    const char* field = reinterpret_cast<const char*>(record.bytes + CompBlock::NAME_OFFSET);
+    return std::string(field, strnlen(field, CompBlock::NAME_FIELD_SIZE));
 }
 
 // The same value with its bytes in big-endian order in memory, for the

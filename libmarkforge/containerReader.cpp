@@ -32,11 +32,6 @@ void CloseHeader(header& block)
     }
 }
 
-std::string RecordName(const CompBlock& record)
-{
-    const char* field = reinterpret_cast<const char*>(record.bytes + CompBlock::NAME_OFFSET);
-    return std::string(field, strnlen(field, CompBlock::NAME_FIELD_SIZE));
-}
 
 }  // namespace
 
@@ -94,7 +89,7 @@ bool containerReader::LoadHeader(const std::string& path, std::string& libraryTe
     for (uint32_t id = 0; id < records.size(); ++id) {
         componentEntry entry;
         entry.index = id;
-        entry.name = RecordName(records[id]);
+        entry.name = record_name(records[id]);
         entry.size = load_be32(records[id].bytes + CompBlock::SIZE_OFFSET);
         entry.offset = load_be32(records[id].bytes + CompBlock::OFFSET_OFFSET);
         entry.signatureLength = load_be32(records[id].bytes + CompBlock::SIGNATURE_LENGTH_OFFSET);

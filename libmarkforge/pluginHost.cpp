@@ -82,6 +82,20 @@ bool pluginHost::Load(const std::string& path, const char* argument, std::string
     return true;
 }
 
+std::vector<std::string> pluginHost::ResolveKeyName(const std::string& name)
+{
+    std::vector<std::string> names;
+    const mfKeynameGeneratorFn generator = markforgeRegistry ? markforgeRegistry->mfPluginKeynameGenerator : nullptr;
+    char** resolved = generator ? generator(name.c_str(), true) : nullptr;
+    if (!resolved) return names;
+    for (char** entry = resolved; *entry; ++entry) {
+        names.emplace_back(*entry);
+        delete[] *entry;
+    }
+    delete[] resolved;
+    return names;
+}
+
 void pluginHost::Unload()
 {
     if (_record && markforgeRegistry == _record.get()) markforgeRegistry = nullptr;

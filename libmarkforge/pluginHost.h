@@ -4,6 +4,7 @@
 
 #include <memory>
 #include <string>
+#include <vector>
 
 #include "markforgePlugin.h"
 
@@ -22,6 +23,10 @@ public:
     // failure nothing is installed and `reason` holds one line naming the
     // path.
     bool Load(const std::string& path, const char* argument, std::string& reason);
+
+    // The names the installed generator gives for `name` (empty when it
+    // refuses), released as the registry's contract asks.
+    static std::vector<std::string> ResolveKeyName(const std::string& name);
 
     // True once a plug-in is installed by this host.
     bool Loaded() const { return _record != nullptr; }

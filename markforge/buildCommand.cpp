@@ -16,7 +16,6 @@
 #include "containerLayout.h"
 #include "digestStream.h"
 #include "exitStatus.h"
-#include "keyname.h"
 #include "lbGlobal.h"
 #include "libraryConsole.h"
 #include "payloadCopier.h"
@@ -68,17 +67,6 @@ bool IsFolder(const std::string& path)
 {
     struct stat info;
     return stat(path.c_str(), &info) == 0 && S_ISDIR(info.st_mode);
-}
-
-// The first name the installed generator gives for `key`, or "".
-std::string ResolveKeyName(const std::string& key)
-{
-    char** names = markforgeRegistry->mfPluginKeynameGenerator(key.c_str(), true);
-    if (!names) return {};
-    std::string first = names[0] ? names[0] : "";
-    for (char** entry = names; *entry; ++entry) delete[] *entry;
-    delete[] names;
-    return first;
 }
 
 std::string ReadBlock(const std::string& path, std::string& reason)
@@ -193,7 +181,8 @@ void buildCommand::PrepareDevelopmentKey()
     if (!_plugins.Load(path, argument, reason)) Fail(exitStatus::fileSystem, reason);
 
     const std::string where = _options.keyDir.empty() ? "plug-in " + path : "key folder " + _options.keyDir;
-    const std::string keyPath = ResolveKeyName(_options.key);
+    const std::vector<std::string> names = pluginHost::ResolveKeyName(_options.key);
+    const std::string keyPath = names.empty() ? std::string() : names.front();
     if (keyPath.empty()) Fail(exitStatus::signingFailed, "key '" + _options.key + "' is refused by the " + where);
     if (!_verifyKey.Load(keyPath, reason))
         Fail(exitStatus::signingFailed, "key '" + _options.key + "' (" + where + "): " + reason);

@@ -1,23 +1,12 @@
 // markforge::containerBuilder: the archive and header objects, step by step.
 #include "containerBuilder.h"
 
-#include <cstring>
-
 #include "archive.h"
 #include "containerLayout.h"
 #include "header.h"
 #include "lbSteps.h"
 
 namespace markforge {
-namespace {
-
-std::string RecordName(const CompBlock& record)
-{
-    const char* field = reinterpret_cast<const char*>(record.bytes + CompBlock::NAME_OFFSET);
-    return std::string(field, strnlen(field, CompBlock::NAME_FIELD_SIZE));
-}
-
-}  // namespace
 
 bool containerBuilder::Build(const std::string& keyName, const std::string& mode, uint32_t hashId,
                              const std::vector<component>& components, const std::string& headerPath)
@@ -59,7 +48,7 @@ bool containerBuilder::CollectResults(archive& built)
     _records.clear();
     for (const CompBlock& record : built.CompBlockList) {
         builtRecord entry;
-        entry.name = RecordName(record);
+        entry.name = record_name(record);
         entry.size = load_be32(record.bytes + CompBlock::SIZE_OFFSET);
         entry.offset = load_be32(record.bytes + CompBlock::OFFSET_OFFSET);
         const uint32_t length = load_be32(record.bytes + CompBlock::SIGNATURE_LENGTH_OFFSET);

@@ -122,6 +122,23 @@ TEST_F(BuildPluginsTest, KeyDirNamesAnUnknownKeyAndTheFolder)
         << built.err;
 }
 
+TEST_F(BuildPluginsTest, APublicKeyFileCannotSign)
+{
+    const ProcessResult converted = testsupport::RunRecaster(
+        {"--convertkey", "-i", publicPem(), "-o", dir.file("pub.markforge"), "-I", "pem", "-O", "markforge"});
+    ASSERT_EQ(converted.status, 0) << converted.err;
+    const auto before = FolderSnapshot(dir.path());
+    const ProcessResult built = testsupport::RunMarkforge({"build", "-o", dir.file("out.img"), "--key", "pub", "--mode",
+                                                           "development", "--key-dir", dir.path(), component});
+    EXPECT_EQ(built.status, 5);
+    EXPECT_EQ(built.err.rfind("markforge: signing the component a with key 'pub' failed; check that its file is a "
+                              "private markforge key file\n",
+                              0),
+              0u)
+        << built.err;
+    EXPECT_EQ(FolderSnapshot(dir.path()), before);
+}
+
 TEST_F(BuildPluginsTest, ThirtyOneCharacterNamesAreResolved)
 {
     const std::string key(31, 'k');

@@ -169,6 +169,25 @@ TEST_F(BuildProductionTest, AnAgentThatNeverAnswersIsGivenUpAfterTheTimeout)
                          "(--agent-timeout) while signing the component boot");
 }
 
+TEST_F(BuildProductionTest, SignaturesTooLongForTheHeaderAreFoundAfterSigning)
+{
+    // Without --verify-key the signature length is known only from the
+    // answers: seven 512-byte signatures and their records overrun the block.
+    peer.AnswerWith(std::vector<uint8_t>(512, 0x5A));
+    StartPeer();
+    components.clear();
+    for (int i = 0; i < 7; ++i)
+        components.push_back("c" + std::to_string(i) + "=" + MakeComponent("c" + std::to_string(i), 10, unsigned(i)));
+    const ProcessResult built = BuildProduction({});
+    EXPECT_EQ(built.status, 2);
+    EXPECT_EQ(built.err.rfind("markforge: the signature and the table of 7 components do not fit in the 4096-byte "
+                              "header block; give fewer components\n",
+                              0),
+              0u)
+        << built.err;
+    ExpectOutputUntouched();
+}
+
 TEST_F(BuildProductionTest, NoAgentListening)
 {
     std::string error;

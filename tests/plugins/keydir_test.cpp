@@ -5,6 +5,7 @@
 #include <string>
 #include <vector>
 
+#include "keyname.h"
 #include "pluginHost.h"
 #include "resolvedNames.h"
 
