@@ -63,25 +63,48 @@ check_no_leftovers() {
     rmdir "$tmp"
 }
 
+# The names of the tests a ctest log lists as failed, one per line.
+failed_tests_in() {
+    sed -n '/^The following tests FAILED:/,/^[^[:space:]]/p' "$1" |
+        sed -nE 's/^[[:space:]]+[0-9]+ - (.*) \([^)]*\)$/\1/p'
+}
+
 # Runs ctest in `dir`, keeping its summary for the closing count. The tests
-# get an empty TMPDIR of their own, checked afterwards.
+# get an empty TMPDIR of their own, checked afterwards. A test that fails is
+# run once more on its own: one that passes then is named in the summary as
+# flaky (and in $LOGS/flaky-NAME), one that fails again fails the stage. Both
+# runs' output stays in the log.
 run_ctest() {
     local dir="$1" name="$2"
     shift 2
     local log="$LOGS/ctest-$name.log" status=0 tmp="$dir/test-tmp" since
     rm -rf "$tmp"
     mkdir -p "$tmp"
+    rm -f "$LOGS/flaky-$name" "$LOGS/failed-$name"
     since="$(mktemp /tmp/markforge-run-start.XXXXXX)"
     env TMPDIR="$tmp" "$@" ctest --test-dir "$dir" -j "$MARKFORGE_JOBS" --output-on-failure --no-tests=error \
         2>&1 | tee "$log" || status=$?
-    check_no_leftovers "$tmp" "$since" || status=1
-    local summary
+    local summary failed_first
     summary="$(grep -E '^[0-9]+% tests passed, [0-9]+ tests? failed out of [0-9]+' "$log" | tail -1 || true)"
+    failed_first="$(failed_tests_in "$log")"
+    if [ "$status" -ne 0 ] && [ -n "$failed_first" ]; then
+        echo "!!! failed on the first run, run again on their own:" >&2
+        sed 's/^/!!!   /' <<<"$failed_first" >&2
+        local rerun="$LOGS/ctest-$name-rerun.log"
+        status=0
+        env TMPDIR="$tmp" "$@" ctest --test-dir "$dir" --rerun-failed --output-on-failure 2>&1 | tee "$rerun" ||
+            status=$?
+        cat "$rerun" >>"$log"
+        failed_tests_in "$rerun" >"$LOGS/failed-$name"
+        grep -vxF -f "$LOGS/failed-$name" <<<"$failed_first" >"$LOGS/flaky-$name" || true
+    fi
+    check_no_leftovers "$tmp" "$since" || status=1
     if [ -n "$summary" ]; then
         local failed total skipped
         failed="$(sed -E 's/.* ([0-9]+) tests? failed out of ([0-9]+).*/\1/' <<<"$summary")"
         total="$(sed -E 's/.* failed out of ([0-9]+).*/\1/' <<<"$summary")"
         skipped="$(grep -cE '^[[:space:]]+[0-9]+ - .* \(Skipped\)$' "$log" || true)"
+        if [ -f "$LOGS/failed-$name" ]; then failed="$(grep -c . "$LOGS/failed-$name" || true)"; fi
         echo "$((total - failed - skipped)) $failed $skipped" >"$LOGS/count-$name"
     fi
     return "$status"
@@ -335,9 +358,19 @@ stage_package() {
     check_armhf_debs "$arm"
 }
 
+# Names, per stage, the tests that $LOGS/KIND-STAGE lists.
+list_named_tests() {
+    local kind="$1" what="$2" file
+    for file in "$LOGS/$kind"-*; do
+        [ -s "$file" ] || continue
+        echo "${file##*/$kind-}: $what:"
+        sed 's/^/    /' "$file"
+    done
+}
+
 main() {
     mkdir -p "$LOGS"
-    rm -f "$LOGS"/count-*
+    rm -f "$LOGS"/count-* "$LOGS"/flaky-* "$LOGS"/failed-*
     if [ "${MARKFORGE_SKIP_SETUP:-0}" != 1 ]; then
         # shellcheck disable=SC2086  # one purpose per stage
         bash "$MARKFORGE_ROOT/scripts/setup.sh" $STAGES
@@ -381,6 +414,8 @@ main() {
     if [ "$counted" -eq 1 ]; then
         echo "tests: $TESTS_PASSED passed, $TESTS_FAILED failed, $TESTS_SKIPPED skipped"
     fi
+    list_named_tests failed "failed twice"
+    list_named_tests flaky "failed once, passed when run again (flaky: fix the test or the race)"
     return "$overall"
 }
 
