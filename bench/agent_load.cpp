@@ -1,21 +1,29 @@
-// Load generator for markforge-agent: C clients on 127.0.0.1, each sending
-// one request per connection back to back for a fixed time; prints the
-// signature rate and the mean round trip as key=value words.
+// Load generator for markforge-agent: N clients on 127.0.0.1, each sending
+// one request per connection back to back for a fixed time, as the
+// library's signer does; prints the signature rate, the mean round trip and
+// the generator's own CPU time per request as key=value words.
+//
+// The clients are N connections kept in flight by one thread on epoll, not
+// N threads: the generator shares the machine's cores with the agent, and a
+// thread per client would spend them on waking threads instead of signing.
 #include <arpa/inet.h>
 #include <netinet/in.h>
+#include <sys/epoll.h>
+#include <sys/resource.h>
 #include <sys/socket.h>
 #include <unistd.h>
 
-#include <atomic>
+#include <cerrno>
 #include <chrono>
 #include <cstdio>
 #include <cstdlib>
 #include <cstring>
 #include <string>
-#include <thread>
 #include <vector>
 
 namespace {
+
+using Clock = std::chrono::steady_clock;
 
 struct Settings {
     unsigned short port = 8001;
@@ -23,6 +31,18 @@ struct Settings {
     double seconds = 10;
     std::string key = "bench";
     size_t digestLength = 32;
+};
+
+struct Totals {
+    long answered = 0;
+    long failed = 0;
+    long long roundTripMicroseconds = 0;
+};
+
+// One client: its connection in flight and when that request began.
+struct Client {
+    int fd = -1;
+    Clock::time_point start;
 };
 
 std::vector<uint8_t> Request(const Settings& settings)
@@ -36,20 +56,91 @@ std::vector<uint8_t> Request(const Settings& settings)
     return request;
 }
 
-// One request on a new connection, as the library's signer makes it; true
-// when a signature came back.
-bool SignOnce(const sockaddr_in& address, const std::vector<uint8_t>& request)
+// Every request signs a different digest: its first eight bytes count up.
+void NumberRequest(std::vector<uint8_t>& request, unsigned long long number)
 {
-    const int fd = ::socket(AF_INET, SOCK_STREAM | SOCK_CLOEXEC, 0);
-    bool answered = false;
-    if (fd >= 0 && ::connect(fd, reinterpret_cast<const sockaddr*>(&address), sizeof address) == 0 &&
-        ::send(fd, request.data(), request.size(), MSG_NOSIGNAL) == static_cast<ssize_t>(request.size())) {
-        uint8_t answer[1024];
-        answered = ::read(fd, answer, sizeof answer) > 0;
-    }
-    if (fd >= 0) ::close(fd);
-    return answered;
+    std::memcpy(request.data() + 32, &number, sizeof number);
 }
+
+class LoadGenerator {
+public:
+    LoadGenerator(const Settings& settings, int epoll)
+        : _settings(settings), _epoll(epoll), _request(Request(settings)), _clients(settings.clients)
+    {
+        _address.sin_family = AF_INET;
+        _address.sin_port = htons(settings.port);
+        _address.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
+    }
+
+    Totals Run()
+    {
+        const auto end = Clock::now() + std::chrono::duration<double>(_settings.seconds);
+        int inFlight = 0;
+        for (size_t i = 0; i < _clients.size(); ++i) inFlight += Begin(i);
+        epoll_event events[64];
+        while (inFlight > 0) {
+            const int ready = ::epoll_wait(_epoll, events, 64, 1000);
+            if (ready < 0 && errno != EINTR) break;
+            const bool more = Clock::now() < end;
+            for (int i = 0; i < ready; ++i) {
+                const size_t index = events[i].data.u64;
+                Finish(index);
+                --inFlight;
+                if (more) inFlight += Begin(index);
+            }
+        }
+        return _totals;
+    }
+
+private:
+    // Connects client `index` and sends its request; 1 when it is now in
+    // flight, 0 when that failed (counted).
+    int Begin(size_t index)
+    {
+        Client& client = _clients[index];
+        client.start = Clock::now();
+        NumberRequest(_request, _next++);
+        client.fd = ::socket(AF_INET, SOCK_STREAM | SOCK_CLOEXEC, 0);
+        epoll_event event{};
+        event.events = EPOLLIN;
+        event.data.u64 = index;
+        if (client.fd >= 0 &&
+            ::connect(client.fd, reinterpret_cast<const sockaddr*>(&_address), sizeof _address) == 0 &&
+            ::send(client.fd, _request.data(), _request.size(), MSG_NOSIGNAL) ==
+                static_cast<ssize_t>(_request.size()) &&
+            ::epoll_ctl(_epoll, EPOLL_CTL_ADD, client.fd, &event) == 0)
+            return 1;
+        Close(client);
+        ++_totals.failed;
+        return 0;
+    }
+
+    // The answer of client `index` has arrived (or the agent hung up).
+    void Finish(size_t index)
+    {
+        Client& client = _clients[index];
+        uint8_t answer[1024];
+        const ssize_t got = ::recv(client.fd, answer, sizeof answer, MSG_DONTWAIT);
+        ++(got > 0 ? _totals.answered : _totals.failed);
+        _totals.roundTripMicroseconds +=
+            std::chrono::duration_cast<std::chrono::microseconds>(Clock::now() - client.start).count();
+        Close(client);
+    }
+
+    static void Close(Client& client)
+    {
+        if (client.fd >= 0) ::close(client.fd);  // also leaves the epoll set
+        client.fd = -1;
+    }
+
+    const Settings& _settings;
+    const int _epoll;
+    std::vector<uint8_t> _request;
+    std::vector<Client> _clients;
+    sockaddr_in _address{};
+    unsigned long long _next = 0;
+    Totals _totals;
+};
 
 bool ParseArguments(int argc, char** argv, Settings& settings)
 {
@@ -65,6 +156,14 @@ bool ParseArguments(int argc, char** argv, Settings& settings)
     return argc % 2 == 1 && settings.clients > 0 && settings.seconds > 0;
 }
 
+double CpuSeconds()
+{
+    rusage usage{};
+    ::getrusage(RUSAGE_SELF, &usage);
+    return static_cast<double>(usage.ru_utime.tv_sec + usage.ru_stime.tv_sec) +
+           static_cast<double>(usage.ru_utime.tv_usec + usage.ru_stime.tv_usec) / 1e6;
+}
+
 }  // namespace
 
 int main(int argc, char** argv)
@@ -74,30 +173,19 @@ int main(int argc, char** argv)
         std::fprintf(stderr, "usage: agent_load [--port N] [--clients N] [--seconds S] [--key NAME] [--digest-length 32|48|64]\n");
         return 2;
     }
-    sockaddr_in address{};
-    address.sin_family = AF_INET;
-    address.sin_port = htons(settings.port);
-    address.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
-    const std::vector<uint8_t> request = Request(settings);
-
-    std::atomic<long> done{0}, failed{0}, busyMicroseconds{0};
-    const auto start = std::chrono::steady_clock::now();
-    const auto end = start + std::chrono::duration<double>(settings.seconds);
-    std::vector<std::thread> clients;
-    for (int i = 0; i < settings.clients; ++i)
-        clients.emplace_back([&] {
-            while (std::chrono::steady_clock::now() < end) {
-                const auto before = std::chrono::steady_clock::now();
-                const bool answered = SignOnce(address, request);
-                const auto spent = std::chrono::steady_clock::now() - before;
-                ++(answered ? done : failed);
-                busyMicroseconds += std::chrono::duration_cast<std::chrono::microseconds>(spent).count();
-            }
-        });
-    for (auto& client : clients) client.join();
-    const double elapsed = std::chrono::duration<double>(std::chrono::steady_clock::now() - start).count();
-    const long total = done + failed;
-    std::printf("signatures=%ld failed=%ld seconds=%.3f rate=%.1f mean_us=%.1f\n", done.load(), failed.load(), elapsed,
-                done / elapsed, total ? static_cast<double>(busyMicroseconds) / total : 0.0);
-    return failed == 0 && done > 0 ? 0 : 1;
+    const int epoll = ::epoll_create1(EPOLL_CLOEXEC);
+    if (epoll < 0) {
+        std::perror("agent_load: epoll_create1");
+        return 1;
+    }
+    const auto start = Clock::now();
+    const Totals totals = LoadGenerator(settings, epoll).Run();
+    const double elapsed = std::chrono::duration<double>(Clock::now() - start).count();
+    const long requests = totals.answered + totals.failed;
+    std::printf("signatures=%ld failed=%ld seconds=%.3f rate=%.1f mean_us=%.1f client_cpu_us=%.1f\n", totals.answered,
+                totals.failed, elapsed, totals.answered / elapsed,
+                requests ? static_cast<double>(totals.roundTripMicroseconds) / requests : 0.0,
+                requests ? CpuSeconds() * 1e6 / requests : 0.0);
+    ::close(epoll);
+    return totals.failed == 0 && totals.answered > 0 ? 0 : 1;
 }

@@ -292,6 +292,11 @@ load_field() {
     sed -nE "s/.*[[:space:]]?$2=([0-9.]+).*/\\1/p" <<<"$1"
 }
 
+# CPU seconds (user + system) the running agent has used so far.
+agent_cpu_seconds() {
+    awk -v tick="$(getconf CLK_TCK)" '{ printf "%.3f", ($14 + $15) / tick }' "/proc/$AGENT_PID/stat"
+}
+
 # A SoftHSM2 token in $WORK/agent/hsm holding the bench key as "bench".
 make_token() {
     local hsm="$WORK/agent/hsm"
@@ -310,7 +315,8 @@ median_of() {
 
 bench_agent() {
     banner "bench: signing agent (RSA-2048, SHA-256, ${AGENT_SECONDS}s per run, $AGENT_ROUNDS rounds)"
-    local cores single hsm one added multi folder multi_rates=() folder_rates=() round
+    local cores single hsm one added multi folder multi_rates=() folder_rates=() round load
+    local cpu_before agent_us client_us=() signatures=0
     cores="$(nproc)"
     mkdir -p "$WORK/agent/keys"
     openssl genpkey -algorithm RSA -pkeyopt rsa_keygen_bits:2048 -out "$WORK/agent/keys/bench.pem" 2>/dev/null
@@ -319,12 +325,18 @@ bench_agent() {
     start_agent --key-dir "$WORK/agent/keys"
     # openssl and the agent take turns, so a change in the machine's other
     # load falls on both columns.
+    cpu_before="$(agent_cpu_seconds)"
     for round in $(seq "$AGENT_ROUNDS"); do
         multi_rates+=("$(openssl_sign_rate "$AGENT_SECONDS" -multi "$cores")")
-        folder_rates+=("$(load_field "$("$AGENT_LOAD" --port "$AGENT_PORT" --clients 64 --seconds "$AGENT_SECONDS" \
-            --key bench)" rate)")
+        load="$("$AGENT_LOAD" --port "$AGENT_PORT" --clients 64 --seconds "$AGENT_SECONDS" --key bench)"
+        folder_rates+=("$(load_field "$load" rate)")
+        client_us+=("$(load_field "$load" client_cpu_us)")
+        signatures=$((signatures + $(load_field "$load" signatures)))
         note "round $round: openssl ${multi_rates[-1]} sign/s, agent ${folder_rates[-1]} sign/s"
     done
+    # The agent's own CPU time per signature, over all the rounds.
+    agent_us="$(awk -v before="$cpu_before" -v after="$(agent_cpu_seconds)" -v n="$signatures" \
+        'BEGIN { printf "%.0f", (after - before) * 1e6 / n }')"
     one="$("$AGENT_LOAD" --port "$AGENT_PORT" --clients 1 --seconds "$AGENT_SECONDS" --key bench)"
     stop_agent
     make_token
@@ -344,6 +356,10 @@ bench_agent() {
     record "$(printf '  %-44s %10s' 'openssl speed rsa2048, one sign' "$(awk -v r="$single" 'BEGIN { printf "%.0f us", 1e6 / r }')")"
     record "$(printf '  %-44s %10s  (added by the agent: %s us)' 'agent, key folder, 1 client, round trip' \
         "$(load_field "$one" mean_us) us" "$added")"
+    record "$(printf '  %-44s %10s' 'CPU per signature: openssl speed' "$(awk -v r="$multi" -v c="$cores" \
+        'BEGIN { printf "%.0f us", c * 1e6 / r }')")"
+    record "$(printf '  %-44s %10s' 'CPU per signature: agent (64 clients)' "$agent_us us")"
+    record "$(printf '  %-44s %10s' 'CPU per request: load generator' "$(median_of "${client_us[@]}") us")"
     record "  (medians of $AGENT_ROUNDS alternating rounds; the load generator runs on the same cores; one TCP"
     record "   connection per request, audit log on; openssl's single-process figure is per CPU second;"
     record "   load average at the end: $(cut -d' ' -f1-3 /proc/loadavg))"

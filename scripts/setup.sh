@@ -36,7 +36,7 @@ NATIVE_PACKAGES=(
 )
 FUZZ_PACKAGES=("${DEMO_PACKAGES[@]}" clang libfuzzer-14-dev libclang-rt-14-dev)
 ARM_PACKAGES=("${DEMO_PACKAGES[@]}" googletest g++-arm-linux-gnueabihf qemu-user)
-PACKAGE_PACKAGES=("${NATIVE_PACKAGES[@]}" dpkg-dev lintian file)
+PACKAGE_PACKAGES=("${NATIVE_PACKAGES[@]}" dpkg-dev lintian file systemd)
 BENCH_PACKAGES=("${DEMO_PACKAGES[@]}" libbenchmark-dev hyperfine time valgrind softhsm2 opensc)
 
 # The private apt folder for the armhf download: its own package lists,

@@ -271,6 +271,12 @@ check_installed_markforge() {
         die "the container built by /usr/bin/markforge does not verify"
     /usr/sbin/markforge-agent --check --key-dir "$work/keys" >/dev/null || die "/usr/sbin/markforge-agent --check failed"
     note "/usr/bin/markforge keygen and build (with the installed keydir plug-in) and markforge-agent --check work"
+    # systemd's own reading of the installed unit: its programs, its man
+    # page and every setting; it prints nothing when all is well.
+    local verdict
+    verdict="$(systemd-analyze verify markforge-agent.service 2>&1)" || die "systemd-analyze verify: $verdict"
+    [ -z "$verdict" ] || die "systemd-analyze verify complains: $verdict"
+    note "systemd-analyze verify accepts the installed markforge-agent.service"
 }
 
 # Installs the amd64 packages on this machine, uses recaster from /usr/bin
