@@ -135,7 +135,7 @@ int AgentApp::Serve(const AgentOptions& options)
                 {"port", server.Port()},
                 {"keys", _keys.Keys().size()},
                 {"workers", settings.workers}});
-    server.Run(stopFd);
+    if (!server.Run(stopFd, error)) return Fail(error);
     ::close(stopFd);
     _log.Write({{"event", "stop"}, {"signed", server.Signed()}, {"refused", server.Refused()}});
     return 0;

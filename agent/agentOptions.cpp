@@ -24,7 +24,7 @@ int AgentOptions::Parse(int argc, char** argv)
     app.add_option("--allow-user", allowUsers, "Serve only clients of this user name or uid (repeatable)");
     app.add_option("--port", port, "TCP port on 127.0.0.1 (0: any free port)")->capture_default_str();
     app.add_option("--port-file", portFile, "Write the port listened on to this file");
-    app.add_option("--workers", workers, "Signing threads (default: one per core)")->check(CLI::Range(0, 1024));
+    app.add_option("--workers", workers, "Serving threads, each accepting, reading, signing and answering (default: one per core)")->check(CLI::Range(0, 1024));
     app.add_option("--max-connections", maxConnections, "Open connections at most")
         ->check(CLI::Range(1, 65536))
         ->capture_default_str();

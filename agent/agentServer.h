@@ -1,6 +1,6 @@
-// The agent's network side: a listener on 127.0.0.1, one thread that reads
-// requests from every open connection at once (each with its own deadline),
-// and a pool of workers that sign and answer.
+// The agent's network side: a listener on 127.0.0.1 and a fixed number of
+// serving loops, each a thread that accepts, reads, signs and answers on
+// its own (see servingLoop.h).
 #pragma once
 
 #include <netinet/in.h>
@@ -8,18 +8,12 @@
 
 #include <atomic>
 #include <chrono>
-#include <cstdint>
-#include <map>
-#include <memory>
+#include <cstddef>
 #include <set>
 #include <string>
-#include <vector>
 
 #include "auditLog.h"
 #include "keyStore.h"
-#include "peerUid.h"
-#include "signRequest.h"
-#include "workerPool.h"
 
 namespace agent {
 
@@ -29,6 +23,25 @@ struct ServerSettings {
     size_t maxConnections = 256;
     std::chrono::milliseconds readTimeout{5000};
     std::set<uid_t> allowedUsers;  // empty: every user
+};
+
+// What every serving loop shares: the settings, the keys and the log, the
+// listener, and the counts that hold across loops.
+struct ServerShared {
+    ServerShared(ServerSettings settings, const KeyStore& keys, const KeyPolicy& policy, AuditLog& log)
+        : settings(std::move(settings)), keys(keys), policy(policy), log(log)
+    {
+    }
+
+    const ServerSettings settings;
+    const KeyStore& keys;
+    const KeyPolicy& policy;
+    AuditLog& log;
+    int listener = -1;
+    sockaddr_in address{};
+    std::atomic<size_t> open{0};
+    std::atomic<size_t> signedCount{0};
+    std::atomic<size_t> refusedCount{0};
 };
 
 class AgentServer {
@@ -41,54 +54,18 @@ public:
     // Binds and listens on 127.0.0.1 at the set port (0: any free one).
     bool Listen(std::string& error);
     // The port listened on.
-    unsigned short Port() const { return ntohs(_address.sin_port); }
-    // Serves until `stopFd` becomes readable; then stops accepting, finishes
-    // the requests in flight and returns.
-    void Run(int stopFd);
+    unsigned short Port() const { return ntohs(_shared.address.sin_port); }
+    // Serves until `stopFd` becomes readable (it is never read, so every
+    // loop sees it); then stops accepting, finishes the requests in flight
+    // and returns true. False with the reason in `error` when the loops
+    // cannot be set up.
+    bool Run(int stopFd, std::string& error);
 
-    size_t Signed() const { return _signed; }
-    size_t Refused() const { return _refused; }
+    size_t Signed() const { return _shared.signedCount; }
+    size_t Refused() const { return _shared.refusedCount; }
 
 private:
-    struct Connection {
-        int fd = -1;
-        RequestRecord record;
-        std::chrono::steady_clock::time_point start, deadline;
-        std::vector<uint8_t> bytes;
-    };
-
-    // What a connection needs after a read.
-    enum class Next { Wait, Sign, Refuse };
-
-    void Accept();
-    void ReadFrom(int fd);
-    // Reads what has arrived; true when the client has hung up.
-    static bool Receive(Connection& connection);
-    Next Judge(Connection& connection, bool ended, ParseResult& parsed);
-    void Conclude(std::unique_ptr<Connection> connection, Next next, ParseResult parsed);
-    void DropExpired();
-    std::chrono::milliseconds UntilNextDeadline() const;
-    void WatchListener(bool on);
-    void Dispatch(std::unique_ptr<Connection> connection, SignRequest request);
-    void Serve(Connection& connection, const SignRequest& request);
-    void Refuse(std::unique_ptr<Connection> connection, const std::string& reason);
-    void Finish(Connection& connection, const std::string& reason);
-    std::unique_ptr<Connection> Release(int fd);
-
-    ServerSettings _settings;
-    const KeyStore& _keys;
-    const KeyPolicy& _policy;
-    AuditLog& _log;
-    int _listener = -1;
-    int _epoll = -1;
-    bool _listening = false;
-    sockaddr_in _address{};
-    PeerUid _peers;
-    std::map<int, std::unique_ptr<Connection>> _reading;
-    std::atomic<size_t> _open{0};
-    std::atomic<size_t> _signed{0};
-    std::atomic<size_t> _refused{0};
-    WorkerPool _pool;
+    ServerShared _shared;
 };
 
 }  // namespace agent
