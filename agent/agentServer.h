@@ -11,6 +11,7 @@
 #include <cstddef>
 #include <set>
 #include <string>
+#include <utility>
 
 #include "auditLog.h"
 #include "keyStore.h"

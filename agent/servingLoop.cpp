@@ -26,7 +26,7 @@ long long MicrosecondsSince(std::chrono::steady_clock::time_point start)
     return std::chrono::duration_cast<std::chrono::microseconds>(std::chrono::steady_clock::now() - start).count();
 }
 
-bool Watch(int epoll, int fd, uint32_t events)
+bool AddToEpoll(int epoll, int fd, uint32_t events)
 {
     epoll_event event{};
     event.events = events;
@@ -67,7 +67,7 @@ bool ServingLoop::Watch(int stopFd, std::string& error)
 {
     _stopFd = stopFd;
     _epoll = ::epoll_create1(EPOLL_CLOEXEC);
-    if (_epoll < 0 || !agent::Watch(_epoll, stopFd, EPOLLIN)) {
+    if (_epoll < 0 || !AddToEpoll(_epoll, stopFd, EPOLLIN)) {
         error = std::string("epoll: ") + std::strerror(errno);
         return false;
     }
@@ -102,7 +102,7 @@ void ServingLoop::WatchListener(bool on)
 {
     if (on == _listening) return;
     if (on)
-        agent::Watch(_epoll, _shared.listener, EPOLLIN | EPOLLEXCLUSIVE);
+        AddToEpoll(_epoll, _shared.listener, EPOLLIN | EPOLLEXCLUSIVE);
     else
         ::epoll_ctl(_epoll, EPOLL_CTL_DEL, _shared.listener, nullptr);
     _listening = on;
@@ -151,7 +151,7 @@ void ServingLoop::AcceptOne()
     ParseResult parsed;
     const Next next = Judge(*connection, Receive(*connection), parsed);
     if (next == Next::Wait) {
-        agent::Watch(_epoll, connection->fd, EPOLLIN | EPOLLRDHUP);
+        AddToEpoll(_epoll, connection->fd, EPOLLIN | EPOLLRDHUP);
         _reading.emplace(connection->fd, std::move(connection));
     } else {
         Conclude(std::move(connection), next, std::move(parsed));

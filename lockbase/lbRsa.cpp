@@ -5,11 +5,8 @@
 #include <sys/stat.h>
 #include <unistd.h>
 
-#include <openssl/bn.h>
-#include <openssl/core_names.h>
 #include <openssl/crypto.h>
 #include <openssl/evp.h>
-#include <openssl/param_build.h>
 #include <openssl/rsa.h>
 
 #include <cerrno>
@@ -19,23 +16,13 @@
 #include "lbBytes.h"
 #include "lbOpensslPtr.h"
 #include "lbRsaKeyFile.h"
+#include "lbRsaPrivateKey.h"
 #include "lbSteps.h"
 
 namespace {
 
-using lockbase::BnCtxPtr;
-using lockbase::BnPtr;
-using lockbase::ParamBldPtr;
-using lockbase::ParamPtr;
 using lockbase::PkeyCtxPtr;
 using lockbase::PkeyPtr;
-
-BnPtr Hex(const std::string& text)
-{
-    BIGNUM* bn = nullptr;
-    if (!BN_hex2bn(&bn, text.c_str())) return BnPtr();
-    return BnPtr(bn);
-}
 
 void Wipe(std::string& text)
 {
@@ -51,37 +38,6 @@ const char* DigestNameForLength(size_t length)
     case 64: return "SHA512";
     default: return nullptr;
     }
-}
-
-// An EVP private key from the five numbers, with the CRT values computed.
-PkeyPtr MakePrivateKey(const lockbase::RsaKeyTexts& texts)
-{
-    BnPtr n = Hex(texts.n), e = Hex(texts.e), p = Hex(texts.p), q = Hex(texts.q), d = Hex(texts.d);
-    BnPtr p1(BN_new()), q1(BN_new()), dmp1(BN_new()), dmq1(BN_new()), iqmp(BN_new());
-    BnCtxPtr ctx(BN_CTX_new());
-    if (!n || !e || !p || !q || !d || !p1 || !q1 || !dmp1 || !dmq1 || !iqmp || !ctx) return PkeyPtr();
-    if (!BN_sub(p1.get(), p.get(), BN_value_one()) || !BN_sub(q1.get(), q.get(), BN_value_one()) ||
-        !BN_mod(dmp1.get(), d.get(), p1.get(), ctx.get()) || !BN_mod(dmq1.get(), d.get(), q1.get(), ctx.get()) ||
-        !BN_mod_inverse(iqmp.get(), q.get(), p.get(), ctx.get()))
-        return PkeyPtr();
-
-    ParamBldPtr bld(OSSL_PARAM_BLD_new());
-    if (!bld || !OSSL_PARAM_BLD_push_BN(bld.get(), OSSL_PKEY_PARAM_RSA_N, n.get()) ||
-        !OSSL_PARAM_BLD_push_BN(bld.get(), OSSL_PKEY_PARAM_RSA_E, e.get()) ||
-        !OSSL_PARAM_BLD_push_BN(bld.get(), OSSL_PKEY_PARAM_RSA_D, d.get()) ||
-        !OSSL_PARAM_BLD_push_BN(bld.get(), OSSL_PKEY_PARAM_RSA_FACTOR1, p.get()) ||
-        !OSSL_PARAM_BLD_push_BN(bld.get(), OSSL_PKEY_PARAM_RSA_FACTOR2, q.get()) ||
-        !OSSL_PARAM_BLD_push_BN(bld.get(), OSSL_PKEY_PARAM_RSA_EXPONENT1, dmp1.get()) ||
-        !OSSL_PARAM_BLD_push_BN(bld.get(), OSSL_PKEY_PARAM_RSA_EXPONENT2, dmq1.get()) ||
-        !OSSL_PARAM_BLD_push_BN(bld.get(), OSSL_PKEY_PARAM_RSA_COEFFICIENT1, iqmp.get()))
-        return PkeyPtr();
-    ParamPtr params(OSSL_PARAM_BLD_to_param(bld.get()));
-    PkeyCtxPtr pctx(EVP_PKEY_CTX_new_from_name(nullptr, "RSA", nullptr));
-    EVP_PKEY* key = nullptr;
-    if (!params || !pctx || EVP_PKEY_fromdata_init(pctx.get()) != 1 ||
-        EVP_PKEY_fromdata(pctx.get(), &key, EVP_PKEY_KEYPAIR, params.get()) != 1)
-        return PkeyPtr();
-    return PkeyPtr(key);
 }
 
 // Reads a whole file of at most `limit` bytes; false when it cannot be read
@@ -234,7 +190,7 @@ bool lbRsa::Sign(const lbBytes& digest, lbBytes& signature)
     if (!mdName)
         return Fail(lbFunction, __LINE__,
                     "A digest of " + std::to_string(digest.buffer.size()) + " bytes is not SHA-256, SHA-384 or SHA-512");
-    PkeyPtr key = MakePrivateKey(_key);
+    PkeyPtr key = lockbase::MakeRsaPrivateKey(_key);
     if (!key) return Fail(lbFunction, __LINE__, "The private key cannot be used for signing");
     PkeyCtxPtr ctx(EVP_PKEY_CTX_new_from_pkey(nullptr, key.get(), nullptr));
     size_t length = 0;
