@@ -63,10 +63,8 @@ std::string OpensslError()
 
 const EVP_MD* DigestForLength(size_t length)
 {
-    if (length == 32) return EVP_sha256();
-    if (length == 48) return EVP_sha384();
-    if (length == 64) return EVP_sha512();
-    return nullptr;
+    const uint32_t hashId = markforge::digestStream::IdForLength(length);
+    return hashId ? markforge::digestStream::AlgorithmOf(hashId) : nullptr;
 }
 
 std::string HexText(const std::vector<uint8_t>& bytes)

@@ -6,8 +6,17 @@
 // The clients are N connections kept in flight by one thread on epoll, not
 // N threads: the generator shares the machine's cores with the agent, and a
 // thread per client would spend them on waking threads instead of signing.
+// For the same reason it runs as a batch task (SCHED_BATCH): an answer that
+// wakes it then does not take the core from a signing thread at once; it
+// runs when a core is free or at the next tick, and takes every answer that
+// has come in since.
+//
+// With --expect-refusal the key is one the agent does not serve: every
+// connection is closed without an answer, which is what a request costs
+// the agent and the generator without the signing.
 #include <arpa/inet.h>
 #include <netinet/in.h>
+#include <sched.h>
 #include <sys/epoll.h>
 #include <sys/resource.h>
 #include <sys/socket.h>
@@ -31,10 +40,12 @@ struct Settings {
     double seconds = 10;
     std::string key = "bench";
     size_t digestLength = 32;
+    bool expectRefusal = false;
 };
 
 struct Totals {
     long answered = 0;
+    long refused = 0;
     long failed = 0;
     long long roundTripMicroseconds = 0;
 };
@@ -121,7 +132,10 @@ private:
         Client& client = _clients[index];
         uint8_t answer[1024];
         const ssize_t got = ::recv(client.fd, answer, sizeof answer, MSG_DONTWAIT);
-        ++(got > 0 ? _totals.answered : _totals.failed);
+        if (got > 0)
+            ++_totals.answered;
+        else
+            ++(got == 0 ? _totals.refused : _totals.failed);
         _totals.roundTripMicroseconds +=
             std::chrono::duration_cast<std::chrono::microseconds>(Clock::now() - client.start).count();
         Close(client);
@@ -144,7 +158,13 @@ private:
 
 bool ParseArguments(int argc, char** argv, Settings& settings)
 {
-    for (int i = 1; i + 1 < argc; i += 2) {
+    for (int i = 1; i < argc; i += 2) {
+        if (std::strcmp(argv[i], "--expect-refusal") == 0) {
+            settings.expectRefusal = true;
+            --i;
+            continue;
+        }
+        if (i + 1 == argc) return false;
         const std::string name = argv[i], value = argv[i + 1];
         if (name == "--port") settings.port = static_cast<unsigned short>(std::atoi(value.c_str()));
         else if (name == "--clients") settings.clients = std::atoi(value.c_str());
@@ -153,7 +173,15 @@ bool ParseArguments(int argc, char** argv, Settings& settings)
         else if (name == "--digest-length") settings.digestLength = static_cast<size_t>(std::atoi(value.c_str()));
         else return false;
     }
-    return argc % 2 == 1 && settings.clients > 0 && settings.seconds > 0;
+    return settings.clients > 0 && settings.seconds > 0;
+}
+
+// Batch scheduling needs no privilege; without it the run is still valid,
+// only the generator then costs the agent more.
+void RunAsBatchTask()
+{
+    sched_param priority{};
+    if (::sched_setscheduler(0, SCHED_BATCH, &priority) != 0) std::perror("agent_load: SCHED_BATCH");
 }
 
 double CpuSeconds()
@@ -170,7 +198,8 @@ int main(int argc, char** argv)
 {
     Settings settings;
     if (!ParseArguments(argc, argv, settings)) {
-        std::fprintf(stderr, "usage: agent_load [--port N] [--clients N] [--seconds S] [--key NAME] [--digest-length 32|48|64]\n");
+        std::fprintf(stderr, "usage: agent_load [--port N] [--clients N] [--seconds S] [--key NAME] "
+                             "[--digest-length 32|48|64] [--expect-refusal]\n");
         return 2;
     }
     const int epoll = ::epoll_create1(EPOLL_CLOEXEC);
@@ -178,14 +207,17 @@ int main(int argc, char** argv)
         std::perror("agent_load: epoll_create1");
         return 1;
     }
+    RunAsBatchTask();
     const auto start = Clock::now();
     const Totals totals = LoadGenerator(settings, epoll).Run();
     const double elapsed = std::chrono::duration<double>(Clock::now() - start).count();
-    const long requests = totals.answered + totals.failed;
-    std::printf("signatures=%ld failed=%ld seconds=%.3f rate=%.1f mean_us=%.1f client_cpu_us=%.1f\n", totals.answered,
-                totals.failed, elapsed, totals.answered / elapsed,
+    const long requests = totals.answered + totals.refused + totals.failed;
+    const long expected = settings.expectRefusal ? totals.refused : totals.answered;
+    const long unexpected = requests - expected;
+    std::printf("signatures=%ld refused=%ld failed=%ld seconds=%.3f rate=%.1f mean_us=%.1f client_cpu_us=%.1f\n",
+                totals.answered, totals.refused, totals.failed, elapsed, expected / elapsed,
                 requests ? static_cast<double>(totals.roundTripMicroseconds) / requests : 0.0,
                 requests ? CpuSeconds() * 1e6 / requests : 0.0);
     ::close(epoll);
-    return totals.failed == 0 && totals.answered > 0 ? 0 : 1;
+    return unexpected == 0 && expected > 0 ? 0 : 1;
 }

@@ -14,14 +14,6 @@ constexpr uint32_t SHA256_ID = 3;
 constexpr uint32_t SHA512_ID = 4;
 constexpr uint32_t SHA384_ID = 5;
 
-const EVP_MD* AlgorithmOf(uint32_t hashId)
-{
-    switch (digestStream::KeptId(hashId)) {
-    case SHA512_ID: return EVP_sha512();
-    case SHA384_ID: return EVP_sha384();
-    default: return EVP_sha256();
-    }
-}
 
 }  // namespace
 
@@ -71,6 +63,15 @@ uint32_t digestStream::IdForLength(size_t length)
     case 48: return SHA384_ID;
     case 64: return SHA512_ID;
     default: return 0;
+    }
+}
+
+const EVP_MD* digestStream::AlgorithmOf(uint32_t hashId)
+{
+    switch (KeptId(hashId)) {
+    case SHA512_ID: return EVP_sha512();
+    case SHA384_ID: return EVP_sha384();
+    default: return EVP_sha256();
     }
 }
 

@@ -9,6 +9,7 @@
 #include <vector>
 
 struct evp_md_ctx_st;
+struct evp_md_st;
 
 namespace markforge {
 
@@ -32,6 +33,8 @@ public:
     static uint32_t KeptId(uint32_t hashId);
     // The number for a digest of `length` bytes, or 0 for other lengths.
     static uint32_t IdForLength(size_t length);
+    // OpenSSL's digest for `hashId` (an EVP_MD).
+    static const evp_md_st* AlgorithmOf(uint32_t hashId);
     // "SHA-256", "SHA-384" or "SHA-512".
     static const char* NameOf(uint32_t hashId);
 

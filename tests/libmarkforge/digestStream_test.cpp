@@ -1,6 +1,7 @@
 // markforge::digestStream: SHA-2 by the framework's numbers, fed whole or in
 // pieces, and the rule of what a signature signs.
 #include <gtest/gtest.h>
+#include <openssl/evp.h>
 
 #include <string>
 #include <vector>
@@ -60,6 +61,16 @@ TEST(DigestStreamTest, NumbersLengthsAndNames)
     EXPECT_EQ(digestStream::IdForLength(64), 4u);
     EXPECT_EQ(digestStream::IdForLength(20), 0u);
     EXPECT_STREQ(digestStream::NameOf(5), "SHA-384");
+}
+
+TEST(DigestStreamTest, OpensslDigestForEachNumber)
+{
+    EXPECT_EQ(digestStream::AlgorithmOf(3), EVP_sha256());
+    EXPECT_EQ(digestStream::AlgorithmOf(4), EVP_sha512());
+    EXPECT_EQ(digestStream::AlgorithmOf(5), EVP_sha384());
+    EXPECT_EQ(digestStream::AlgorithmOf(0), EVP_sha256());
+    for (const uint32_t id : {3u, 4u, 5u})
+        EXPECT_EQ(static_cast<size_t>(EVP_MD_get_size(digestStream::AlgorithmOf(id))), digestStream::LengthOf(id));
 }
 
 TEST(DigestStreamTest, ASignatureSignsTheUpperCaseHexTextHashedAgain)
