@@ -7,8 +7,8 @@
 #   4. `markforge build` of one 1 GiB component against one `openssl dgst`
 #      pass over the same file, and its peak memory
 #   5. markforge-agent: signatures per second with 64 clients (key folder and
-#      SoftHSM2) against `openssl speed -multi <cores> rsa2048`, and the
-#      latency it adds at one client
+#      SoftHSM2) against `openssl speed -multi <cores> rsa2048`, the latency
+#      it adds at one client, and where its CPU time per request goes
 #   6. `markforge verify` of a container with one 1 GiB component against one
 #      `openssl dgst` pass over the same bytes, and of two components against
 #      two passes; its peak memory for 64 MiB and 1 GiB containers

@@ -128,7 +128,8 @@ stage_native() {
 stage_sanitize() {
     local dir
     dir="$(build_dir sanitize)"
-    configure_and_build "$dir" -DCMAKE_BUILD_TYPE=Debug -DMARKFORGE_SANITIZE=ON -DMARKFORGE_EXPECTED_POINTER_SIZE=8
+    configure_and_build "$dir" -DCMAKE_BUILD_TYPE=Debug -DMARKFORGE_SANITIZE=ON -DMARKFORGE_EXPECTED_POINTER_SIZE=8 \
+        -DMARKFORGE_BENCH=ON
     note "sanitizer settings: ${SANITIZER_ENV[*]}"
     run_ctest "$dir" sanitize "${SANITIZER_ENV[@]}"
 }
