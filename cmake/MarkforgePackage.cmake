@@ -59,9 +59,21 @@ function(markforge_package package section summary description depends)
 endfunction()
 
 set(version "${PROJECT_VERSION}-${MARKFORGE_DEB_RELEASE}")
+# What markforge-tools holds, in the package's description.
+set(MARKFORGE_DEB_TOOLS_DESCRIPTION "The markforge programs: recaster converts RSA key files and signature\nfiles between formats; markforge builds, signs, inspects, verifies and\ntakes apart signed firmware containers.")
+if(TARGET markforge-agent)
+  string(APPEND MARKFORGE_DEB_TOOLS_DESCRIPTION " markforge-agent is the signing\nagent that production signing asks, with keys in a key folder or a\nPKCS#11 token, and its systemd unit.")
+endif()
+string(APPEND MARKFORGE_DEB_TOOLS_DESCRIPTION "\nWith their man pages and bash completion.")
+# Libraries only some programs load (the agent's libp11) are added by their
+# folders to the global property MARKFORGE_DEB_TOOLS_DEPENDS.
+get_property(tools_depends GLOBAL PROPERTY MARKFORGE_DEB_TOOLS_DEPENDS)
+list(PREPEND tools_depends "liblockbase1 (= ${version})" "libgridview1 (= ${version})" "libmarkforge1 (= ${version})"
+     "${MARKFORGE_DEB_SYSTEM_DEPENDS}")
+list(JOIN tools_depends ", " tools_depends)
 markforge_package(markforge-tools utils "tool set for signed firmware images"
-  "The markforge programs: recaster converts RSA key files and signature\nfiles between formats; with their man pages and bash completion."
-  "liblockbase1 (= ${version}), libgridview1 (= ${version}), libmarkforge1 (= ${version}), ${MARKFORGE_DEB_SYSTEM_DEPENDS}")
+  "${MARKFORGE_DEB_TOOLS_DESCRIPTION}"
+  "${tools_depends}")
 markforge_package(liblockbase1 libs "markforge framework library"
   "Object lifecycle and error trail, the application runner, byte buffers,\nRSA keys and digests, shared by the markforge programs."
   "${MARKFORGE_DEB_SYSTEM_DEPENDS}")

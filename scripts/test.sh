@@ -280,6 +280,45 @@ check_installed_markforge() {
     note "systemd-analyze verify accepts the installed markforge-agent.service"
 }
 
+# The package of this machine that holds the library `soname` for its own
+# architecture (not a cross toolchain's copy), or nothing.
+system_package_of() {
+    dpkg -S "*/$(dpkg-architecture -qDEB_HOST_MULTIARCH)/$1" 2>/dev/null | head -n 1 | cut -d: -f1
+}
+
+# Every library that a packaged ELF file loads comes from the same package,
+# from another of ours, or from a package its Depends names: a missing name
+# shows only on a machine without that package, never on this one.
+check_declared_dependencies() {
+    local dir="$1" root="$1/depends-check" deb name file soname provider
+    rm -rf "$root"
+    mkdir -p "$root"
+    local -A ours=()
+    for deb in "$dir"/packages/*.deb; do
+        name="$(dpkg-deb -f "$deb" Package)"
+        dpkg-deb -x "$deb" "$root/$name"
+        while read -r file; do ours["$(basename "$file")"]="$name"; done < <(find "$root/$name" -name 'lib*.so.*')
+    done
+    for deb in "$dir"/packages/*.deb; do
+        name="$(dpkg-deb -f "$deb" Package)"
+        local depends  # the package names alone, one per line
+        depends="$(dpkg-deb -f "$deb" Depends | tr ',' '\n' | awk '{ print $1 }')"
+        while read -r file; do
+            local needed
+            needed="$(objdump -p "$file" 2>/dev/null)" || continue  # not an ELF file
+            while read -r soname; do
+                provider="${ours[$soname]:-$(system_package_of "$soname")}"
+                [ -n "$provider" ] || die "$name: ${file#"$root/$name"} needs $soname, which no package here holds"
+                [ "$provider" != "$name" ] || continue
+                grep -qxF "$provider" <<<"$depends" ||
+                    die "$name: ${file#"$root/$name"} needs $soname from $provider, which its Depends does not name"
+            done < <(awk '$1 == "NEEDED" { print $2 }' <<<"$needed")
+        done < <(find "$root/$name" -type f)
+    done
+    rm -rf "$root"
+    note "every library the packaged programs and libraries load comes from a package their Depends name"
+}
+
 # Installs the amd64 packages on this machine, uses recaster from /usr/bin
 # and its man page, removes the packages and checks their files are gone.
 check_installed_debs() {
@@ -351,6 +390,7 @@ stage_package() {
     build_packages "$dir" amd64 gcc -DMARKFORGE_EXPECTED_POINTER_SIZE=8
     run_ctest "$dir" package
     make_debs "$dir"
+    check_declared_dependencies "$dir"
     check_installed_debs "$dir"
 
     bash "$MARKFORGE_ROOT/scripts/setup.sh" --arm-sysroot
