@@ -130,6 +130,16 @@ int AgentApp::Serve(const AgentOptions& options)
     const KeyPolicy policy(options.allowKeys);
     AgentServer server(settings, _keys, policy, _log);
     if (!server.Listen(error)) return Fail(error);
+    if (!server.OwnerLookupWorks(error)) {
+        // Without it no client could be told apart: fail at start rather
+        // than refuse every request.
+        if (!settings.allowedUsers.empty())
+            return Fail("--allow-user cannot be honoured: the kernel does not name the owner of a connection "
+                        "here (" + error + ")");
+        _log.Write({{"event", "notice"},
+                    {"reason", "the kernel does not name the owner of a connection here (" + error +
+                                   "); every request line has uid null"}});
+    }
     if (!options.portFile.empty() && !WritePortFile(options.portFile, server.Port(), error)) return Fail(error);
     _log.Write({{"event", "start"},
                 {"port", server.Port()},

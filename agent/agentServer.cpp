@@ -12,6 +12,7 @@
 #include <thread>
 #include <vector>
 
+#include "peerUid.h"
 #include "servingLoop.h"
 
 namespace agent {
@@ -47,6 +48,11 @@ bool AgentServer::Listen(std::string& error)
         return false;
     }
     return true;
+}
+
+bool AgentServer::OwnerLookupWorks(std::string& error) const
+{
+    return PeerUid::Works(_shared.listener, _shared.address, error);
 }
 
 // Each loop is a thread that does all of a request's work, so no request

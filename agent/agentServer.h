@@ -54,6 +54,9 @@ public:
 
     // Binds and listens on 127.0.0.1 at the set port (0: any free one).
     bool Listen(std::string& error);
+    // Whether the owner of a connection can be looked up here (see
+    // PeerUid::Works); call after Listen, before Run.
+    bool OwnerLookupWorks(std::string& error) const;
     // The port listened on.
     unsigned short Port() const { return ntohs(_shared.address.sin_port); }
     // Serves until `stopFd` becomes readable (it is never read, so every

@@ -108,4 +108,30 @@ bool PeerUid::Lookup(const sockaddr_in& client, const sockaddr_in& server, uid_t
     return false;
 }
 
+bool PeerUid::Works(int listener, const sockaddr_in& server, std::string& error)
+{
+    const int client = ::socket(AF_INET, SOCK_STREAM | SOCK_CLOEXEC, 0);
+    if (client < 0) {
+        error = std::string("socket: ") + std::strerror(errno);
+        return false;
+    }
+    sockaddr_in local{};
+    socklen_t length = sizeof local;
+    bool works = ::connect(client, reinterpret_cast<const sockaddr*>(&server), sizeof server) == 0 &&
+                 ::getsockname(client, reinterpret_cast<sockaddr*>(&local), &length) == 0;
+    if (!works) error = std::string("cannot connect to the agent's own port: ") + std::strerror(errno);
+    uid_t uid = 0;
+    if (works) works = PeerUid().Lookup(local, server, uid, error);
+    if (works && uid != ::geteuid()) {
+        error = "sock_diag names uid " + std::to_string(uid) + " as the owner of the agent's own connection";
+        works = false;
+    }
+    // A loopback connect is complete when it returns, so the connection is
+    // queued already; taken off here, no serving loop ever sees it.
+    const int accepted = ::accept4(listener, nullptr, nullptr, SOCK_CLOEXEC);
+    if (accepted >= 0) ::close(accepted);
+    ::close(client);
+    return works;
+}
+
 }  // namespace agent

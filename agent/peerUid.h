@@ -22,6 +22,13 @@ public:
     // them). False with the reason in `error` when the kernel does not say.
     bool Lookup(const sockaddr_in& client, const sockaddr_in& server, uid_t& uid, std::string& error);
 
+    // Whether lookups work on this system: connects to `listener` (bound to
+    // `server`, not yet served), takes that connection off its queue again,
+    // and asks who owns it, which must be this process's user. False with
+    // the reason in `error` (a kernel without socket diagnostics, an
+    // emulator that refuses them).
+    static bool Works(int listener, const sockaddr_in& server, std::string& error);
+
 private:
     int _fd = -1;
 };

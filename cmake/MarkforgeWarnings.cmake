@@ -13,8 +13,9 @@ function(markforge_warnings target)
   # the build machine's absolute path.
   target_compile_options(${target} PRIVATE "-fmacro-prefix-map=${PROJECT_SOURCE_DIR}/=")
   # GCC 12 cross-compiling for 32-bit ARM at -O2 reports out-of-bounds
-  # memmove/memcpy inside libstdc++'s own vector insert (a known false
-  # positive of its inliner); there those two stay warnings, all else errors.
+  # memmove/memcpy inside libstdc++'s own container code (vector insert, and
+  # the copies and tree inserts of nlohmann-json's objects): a known false
+  # positive of its inliner; there those two stay warnings, all else errors.
   if(CMAKE_CROSSCOMPILING AND CMAKE_CXX_COMPILER_ID STREQUAL "GNU" AND CMAKE_CXX_COMPILER_VERSION VERSION_LESS 13)
     target_compile_options(${target} PRIVATE -Wno-error=array-bounds -Wno-error=stringop-overflow)
   endif()

@@ -1,6 +1,6 @@
 # Cross build for 32-bit ARM Linux (armhf) with Debian's cross compiler,
-# linking against the armhf OpenSSL that scripts/setup.sh unpacks into a
-# sysroot folder, and running the built programs under qemu-arm.
+# linking against the armhf OpenSSL and libp11 that scripts/setup.sh unpacks
+# into a sysroot folder, and running the built programs under qemu-arm.
 set(CMAKE_SYSTEM_NAME Linux)
 set(CMAKE_SYSTEM_PROCESSOR arm)
 set(CMAKE_C_COMPILER arm-linux-gnueabihf-gcc)
@@ -16,7 +16,7 @@ if(NOT MARKFORGE_ARM_SYSROOT)
     get_filename_component(MARKFORGE_ARM_SYSROOT "${CMAKE_CURRENT_LIST_DIR}/../.cache/armhf-sysroot" ABSOLUTE)
   endif()
 endif()
-set(MARKFORGE_ARM_SYSROOT "${MARKFORGE_ARM_SYSROOT}" CACHE PATH "Unpacked armhf libssl-dev and libssl3")
+set(MARKFORGE_ARM_SYSROOT "${MARKFORGE_ARM_SYSROOT}" CACHE PATH "Unpacked armhf OpenSSL, libp11 and SoftHSM2")
 set(_armhf_libdir "${MARKFORGE_ARM_SYSROOT}/usr/lib/arm-linux-gnueabihf")
 if(NOT EXISTS "${_armhf_libdir}/libcrypto.so")
   message(FATAL_ERROR "No armhf OpenSSL in ${MARKFORGE_ARM_SYSROOT}: run `bash scripts/setup.sh --arm-sysroot`")
@@ -31,6 +31,12 @@ set(CMAKE_FIND_ROOT_PATH_MODE_PACKAGE ONLY)
 # the host's Debian packages serve the cross build as they are.
 set(CLI11_DIR /usr/share/cmake/CLI11 CACHE PATH "CLI11's CMake package (headers only)")
 set(nlohmann_json_DIR /usr/share/cmake/nlohmann_json CACHE PATH "nlohmann-json's CMake package (headers only)")
+
+# pkg-config (libp11) reads the sysroot's .pc files only, and its paths come
+# back inside the sysroot.
+set(ENV{PKG_CONFIG_LIBDIR} "${_armhf_libdir}/pkgconfig")
+set(ENV{PKG_CONFIG_SYSROOT_DIR} "${MARKFORGE_ARM_SYSROOT}")
+set(ENV{PKG_CONFIG_PATH} "")
 
 # The cross compiler also searches the host's /usr/include, where the x86
 # OpenSSL headers live; the armhf ones must be found first, including the

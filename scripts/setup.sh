@@ -1,6 +1,7 @@
 #!/usr/bin/env bash
 # Installs what a fresh Debian 12 machine lacks for one or more purposes, and
-# for the 32-bit ARM build unpacks the armhf OpenSSL files it links against.
+# for the 32-bit ARM build unpacks the armhf OpenSSL and libp11 files it links
+# against (and the SoftHSM2 module its tests load).
 #
 #   bash scripts/setup.sh [PURPOSE...]    default: test
 #
@@ -11,11 +12,11 @@
 #   sanitize  the same as native
 #   fuzz      clang and libFuzzer
 #   arm       the ARM cross compiler, qemu-user, GoogleTest's sources and the
-#             armhf OpenSSL sysroot
+#             armhf sysroot (OpenSSL, libp11, SoftHSM2)
 #   package   dpkg-dev, lintian, file: building and checking the .deb files
 #   bench     Google Benchmark, hyperfine, GNU time, valgrind
 #   test      every test stage: native sanitize fuzz arm package
-#   --arm-sysroot   only the armhf OpenSSL sysroot
+#   --arm-sysroot   only the armhf sysroot
 #
 # The machine's apt set-up is left as it was: the armhf packages are fetched
 # through a private apt configuration and state folder under .cache/, never
@@ -43,6 +44,9 @@ BENCH_PACKAGES=("${DEMO_PACKAGES[@]}" libbenchmark-dev hyperfine time valgrind s
 # cache and (empty) dpkg status, with armhf as its only architecture.
 ARM_APT="$MARKFORGE_ROOT/.cache/apt-armhf"
 ARM_DEBS=(libssl-dev libssl3)
+# The agent's libp11 and, for its tests under qemu, the SoftHSM2 module:
+# taken at the armhf lists' own versions.
+ARM_AGENT_DEBS=(libp11-dev libp11-3 libsofthsm2)
 
 export DEBIAN_FRONTEND=noninteractive
 APT_UPDATED=0
@@ -84,7 +88,9 @@ sysroot_complete() {
     [ -f "$MARKFORGE_ARM_SYSROOT/usr/include/openssl/opensslv.h" ] &&
         [ -f "$MARKFORGE_ARM_SYSROOT/usr/include/arm-linux-gnueabihf/openssl/configuration.h" ] &&
         [ -e "$MARKFORGE_ARM_SYSROOT/usr/lib/arm-linux-gnueabihf/libcrypto.so" ] &&
-        [ -f "$MARKFORGE_ARM_SYSROOT/usr/lib/arm-linux-gnueabihf/libcrypto.so.3" ]
+        [ -f "$MARKFORGE_ARM_SYSROOT/usr/lib/arm-linux-gnueabihf/libcrypto.so.3" ] &&
+        [ -f "$MARKFORGE_ARM_SYSROOT/usr/lib/arm-linux-gnueabihf/pkgconfig/libp11.pc" ] &&
+        [ -f "$MARKFORGE_ARM_SYSROOT/usr/lib/softhsm/libsofthsm2.so" ]
 }
 
 # apt-get and apt-cache on the private armhf state; the machine's sources
@@ -156,9 +162,9 @@ fetch_arm_sysroot() {
         return 0
     fi
     rm -f "$ARM_APT/download"/*.deb
-    note "apt-get download ${ARM_DEBS[*]} (armhf, $version)"
-    (cd "$ARM_APT/download" && arm_apt apt-get download -qq "${ARM_DEBS[@]/%/=$version}") ||
-        die "apt-get download of the armhf OpenSSL packages failed"
+    note "apt-get download ${ARM_DEBS[*]} (armhf, $version) ${ARM_AGENT_DEBS[*]} (armhf)"
+    (cd "$ARM_APT/download" && arm_apt apt-get download -qq "${ARM_DEBS[@]/%/=$version}" "${ARM_AGENT_DEBS[@]}") ||
+        die "apt-get download of the armhf OpenSSL, libp11 and SoftHSM2 packages failed"
     rm -rf "$MARKFORGE_ARM_SYSROOT"
     mkdir -p "$MARKFORGE_ARM_SYSROOT"
     local deb
@@ -166,7 +172,7 @@ fetch_arm_sysroot() {
         note "unpacking $(basename "$deb")"
         dpkg -x "$deb" "$MARKFORGE_ARM_SYSROOT"
     done
-    sysroot_complete || die "the unpacked armhf OpenSSL files are incomplete in $MARKFORGE_ARM_SYSROOT"
+    sysroot_complete || die "the unpacked armhf files are incomplete in $MARKFORGE_ARM_SYSROOT"
     echo "$version" >"$MARKFORGE_ARM_SYSROOT/$SYSROOT_STAMP_NAME"
     note "ARM sysroot ready: $MARKFORGE_ARM_SYSROOT (OpenSSL $version)"
 }
@@ -204,7 +210,7 @@ main() {
     mapfile -t unique < <(printf '%s\n' "${WANTED[@]}" | sort -u)
     install_packages "${unique[@]}"
     if printf '%s\n' "${expanded[@]}" | grep -qx arm; then
-        banner "setup: armhf OpenSSL sysroot"
+        banner "setup: armhf sysroot"
         fetch_arm_sysroot
     fi
 }

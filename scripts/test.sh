@@ -362,7 +362,7 @@ check_armhf_debs() {
     local deb
     for deb in "$dir"/packages/*_armhf.deb; do dpkg -x "$deb" "$root"; done
     local program
-    for program in "$root"/usr/bin/* "$root"/usr/lib/arm-linux-gnueabihf/lib*.so.*.*.*; do
+    for program in "$root"/usr/bin/* "$root"/usr/sbin/* "$root"/usr/lib/arm-linux-gnueabihf/lib*.so.*.*.*; do
         [ "$(elf_machine "$program")" = 40 ] || die "$program is not 32-bit ARM"
     done
     local libs="$root/usr/lib/arm-linux-gnueabihf:$MARKFORGE_ARM_SYSROOT/usr/lib/arm-linux-gnueabihf"
@@ -380,8 +380,17 @@ check_armhf_debs() {
         readme="$MARKFORGE_ROOT/samples/payload.txt" >/dev/null || die "armhf markforge build failed"
     sh "$MARKFORGE_ROOT/docs/examples/verify-with-openssl.sh" "$root/container.img" \
         "$MARKFORGE_ROOT/samples/rsa2048-public.pem" >/dev/null || die "the armhf markforge container does not verify"
+    # The agent loads the same key and names its fingerprint, as openssl
+    # computes it from the public key.
+    local agent=(qemu-arm -L /usr/arm-linux-gnueabihf -E "LD_LIBRARY_PATH=$libs" "$root/usr/sbin/markforge-agent")
+    local fingerprint
+    fingerprint="$(openssl pkey -pubin -in "$MARKFORGE_ROOT/samples/rsa2048-public.pem" -outform DER |
+        openssl dgst -sha256 -r | cut -d' ' -f1)"
+    [ "$("${agent[@]}" --check --key-dir "$root/keys")" = "dev SHA256:$fingerprint" ] ||
+        die "armhf markforge-agent --check does not name the key's fingerprint"
     rm -rf "$root"
-    note "armhf programs and libraries are 32-bit ARM; recaster and markforge run under qemu-arm with the packages' libraries"
+    note "armhf programs and libraries are 32-bit ARM; recaster, markforge and markforge-agent --check run under"
+    note "qemu-arm with the packages' libraries"
 }
 
 stage_package() {

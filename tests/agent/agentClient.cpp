@@ -10,6 +10,9 @@
 #include <algorithm>
 #include <cerrno>
 #include <chrono>
+#include <cstring>
+
+#include "peerUid.h"
 
 namespace agenttest {
 
@@ -93,6 +96,23 @@ Bytes Exchange(unsigned short port, const Bytes& request, bool* closed)
     const bool ended = connection.Send(request) && connection.ReadToEnd(answer);
     if (closed) *closed = ended;
     return answer;
+}
+
+bool OwnerLookupWorks(std::string& why)
+{
+    const int listener = ::socket(AF_INET, SOCK_STREAM | SOCK_NONBLOCK | SOCK_CLOEXEC, 0);
+    sockaddr_in address{};
+    address.sin_family = AF_INET;
+    address.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
+    socklen_t length = sizeof address;
+    const bool listening = listener >= 0 &&
+                           ::bind(listener, reinterpret_cast<const sockaddr*>(&address), sizeof address) == 0 &&
+                           ::listen(listener, 4) == 0 &&
+                           ::getsockname(listener, reinterpret_cast<sockaddr*>(&address), &length) == 0;
+    if (!listening) why = std::string("no test listener: ") + std::strerror(errno);
+    const bool works = listening && agent::PeerUid::Works(listener, address, why);
+    if (listener >= 0) ::close(listener);
+    return works;
 }
 
 }  // namespace agenttest

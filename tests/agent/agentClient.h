@@ -18,6 +18,10 @@ std::string Arguments(size_t digestLength);
 // `length` bytes counting up from `first`.
 Bytes Pattern(size_t length, uint8_t first = 1);
 
+// Whether the kernel names the owner of a loopback connection here (it does
+// not under qemu's user mode); false with the reason in `why`.
+bool OwnerLookupWorks(std::string& why);
+
 // An open connection to 127.0.0.1:port.
 class AgentConnection {
 public:

@@ -188,7 +188,12 @@ TEST_F(AgentFaults, AuditLineForASignature)
     EXPECT_EQ(line["digest_length"], 32);
     EXPECT_EQ(line["digest"], "0102030405060708090a0b0c0d0e0f101112131415161718191a1b1c1d1e1f20");
     EXPECT_EQ(line["result"], "signed");
-    EXPECT_EQ(line["uid"], ::getuid());
+    std::string why;
+    if (agenttest::OwnerLookupWorks(why)) {
+        EXPECT_EQ(line["uid"], ::getuid());
+    } else {
+        EXPECT_TRUE(line["uid"].is_null()) << why;
+    }
     EXPECT_FALSE(line.contains("reason"));
     EXPECT_TRUE(line["microseconds"].is_number_integer());
     EXPECT_TRUE(line["client_port"].is_number_integer());

@@ -12,6 +12,8 @@
 #include <sstream>
 #include <thread>
 
+#include "testSupport.h"
+
 namespace agenttest {
 namespace {
 
@@ -55,7 +57,7 @@ int WaitExit(pid_t pid, std::chrono::steady_clock::duration limit)
     std::vector<char*> argv;
     for (const auto& arg : args) argv.push_back(const_cast<char*>(arg.c_str()));
     argv.push_back(nullptr);
-    ::execv(argv[0], argv.data());
+    ::execvp(argv[0], argv.data());  // the emulator, in a cross build, is found on PATH
     ::_exit(127);
 }
 
@@ -79,6 +81,7 @@ bool AgentProcess::Start(const std::vector<std::string>& args, std::string& erro
     std::vector<std::string> command{AgentPath(), "--port-file", portFile};
     if (std::find(args.begin(), args.end(), "--port") == args.end()) command.insert(command.end(), {"--port", "0"});
     command.insert(command.end(), args.begin(), args.end());
+    command = testsupport::WithEmulator(command);
     ::unlink(portFile.c_str());
     _pid = ::fork();
     if (_pid == 0) ExecAgent(command, _folder);

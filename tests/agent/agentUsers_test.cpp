@@ -60,6 +60,8 @@ protected:
     void SetUp() override
     {
         if (::getuid() != 0) GTEST_SKIP() << "needs root to run a client as another user";
+        std::string why;
+        if (!agenttest::OwnerLookupWorks(why)) GTEST_SKIP() << "the kernel does not name socket owners here: " << why;
         const passwd* entry = ::getpwnam("nobody");
         ASSERT_NE(entry, nullptr);
         nobodyUid = entry->pw_uid;
@@ -118,11 +120,47 @@ TEST_F(AgentUsers, NamedUserIsServedByNameOrNumber)
     EXPECT_EQ(AsRoot(), 256);
 }
 
-TEST_F(AgentUsers, UnknownUserNameStopsTheStart)
+// What the start does with the option's words and with the kernel's
+// answer to whether owners can be looked up at all.
+using AgentUsersAtStart = agenttest::KeyFolderTest;
+
+TEST_F(AgentUsersAtStart, UnknownUserNameStopsTheStart)
 {
     std::string error;
     EXPECT_FALSE(agent.Start({"--key-dir", Folder(), "--allow-user", "no-such-user-x"}, error));
     EXPECT_NE(error.find("unknown user no-such-user-x"), std::string::npos) << error;
+}
+
+// Where the kernel does not name owners (qemu's user mode in the ARM stage),
+// the option cannot be honoured and the agent does not start; elsewhere it
+// starts.
+TEST_F(AgentUsersAtStart, AllowUserNeedsOwnerLookups)
+{
+    std::string why, error;
+    const bool works = agenttest::OwnerLookupWorks(why);
+    EXPECT_EQ(agent.Start({"--key-dir", Folder(), "--allow-user", "root"}, error), works) << error;
+    if (!works) {
+        EXPECT_NE(error.find("--allow-user cannot be honoured: the kernel does not name the owner of a connection"),
+                  std::string::npos)
+            << error;
+    }
+}
+
+// Without the option the agent serves either way; where owners are unknown
+// a notice at start says why every request line has uid null.
+TEST_F(AgentUsersAtStart, NoticeWhenOwnersAreUnknown)
+{
+    std::string why, error;
+    const bool works = agenttest::OwnerLookupWorks(why);
+    ASSERT_TRUE(agent.Start({"--key-dir", Folder()}, error)) << error;
+    const auto notices = agent.Events("notice");
+    if (works) {
+        EXPECT_TRUE(notices.empty());
+        return;
+    }
+    ASSERT_EQ(notices.size(), 1u);
+    const std::string reason = notices.front()["reason"];
+    EXPECT_NE(reason.find("every request line has uid null"), std::string::npos) << reason;
 }
 
 }  // namespace

@@ -1,7 +1,12 @@
 // The SoftHSM2 test token.
 #include "softHsmToken.h"
 
+#include <sys/stat.h>
+
+#include <cerrno>
 #include <cstdlib>
+#include <cstring>
+#include <filesystem>
 
 #include "testSupport.h"
 
@@ -16,17 +21,46 @@ bool RunTool(const std::vector<std::string>& argv, std::string& error)
     return false;
 }
 
+// Where the token files go. Under qemu, the 32-bit SoftHSM2 module reads
+// folders without large-file support, and on a 64-bit host the entries of an
+// ext4 or overlay folder carry offsets too large for that: the module would
+// find no token. tmpfs numbers its entries small, so a cross build keeps them
+// in a new folder under /dev/shm. Empty on failure.
+std::string TokenFolder(const std::string& folder, std::string& own)
+{
+#ifdef MARKFORGE_TEST_EMULATOR
+    (void)folder;
+    char name[] = "/dev/shm/markforge-softhsm-XXXXXX";
+    if (!::mkdtemp(name)) return "";
+    own = name;
+    return own;
+#else
+    (void)own;
+    const std::string tokens = folder + "/tokens";
+    return ::mkdir(tokens.c_str(), 0700) == 0 ? tokens : "";
+#endif
+}
+
 }  // namespace
+
+SoftHsmToken::~SoftHsmToken()
+{
+    std::error_code ignored;
+    if (!_ownFolder.empty()) std::filesystem::remove_all(_ownFolder, ignored);
+}
 
 bool SoftHsmToken::Create(const std::string& folder, const std::string& label, const std::string& pin,
                           std::string& error)
 {
     _label = label;
     _pin = pin;
-    const std::string tokens = folder + "/tokens";
+    const std::string tokens = TokenFolder(folder, _ownFolder);
+    if (tokens.empty()) {
+        error = std::string("no folder for the token files: ") + std::strerror(errno);
+        return false;
+    }
     const std::string conf = folder + "/softhsm2.conf";
     testsupport::WriteFile(conf, "directories.tokendir = " + tokens + "\nobjectstore.backend = file\nlog.level = ERROR\n");
-    if (!RunTool({"mkdir", "-p", tokens}, error)) return false;
     ::setenv("SOFTHSM2_CONF", conf.c_str(), 1);
     return RunTool({"softhsm2-util", "--init-token", "--free", "--label", label, "--pin", pin, "--so-pin",
                     "so-" + pin},

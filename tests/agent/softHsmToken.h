@@ -7,18 +7,26 @@
 
 namespace agenttest {
 
-constexpr const char* SOFTHSM_MODULE = "/usr/lib/softhsm/libsofthsm2.so";
+constexpr const char* SOFTHSM_MODULE = MARKFORGE_TEST_SOFTHSM_MODULE;
 
 class SoftHsmToken {
 public:
     // Creates the configuration in `folder` and a token labelled `label`
     // with user PIN `pin`. False with the reason in `error`.
+    // In a cross build the token files live in a folder of their own under
+    // /dev/shm instead (see TokenFolder), removed with this object.
     bool Create(const std::string& folder, const std::string& label, const std::string& pin, std::string& error);
     // Imports a PKCS#8 PEM private key under `name` (its label) and `id`.
     bool Import(const std::string& pemPath, const std::string& name, const std::string& id, std::string& error);
 
+    SoftHsmToken() = default;
+    ~SoftHsmToken();
+    SoftHsmToken(const SoftHsmToken&) = delete;
+    SoftHsmToken& operator=(const SoftHsmToken&) = delete;
+
 private:
     std::string _label, _pin;
+    std::string _ownFolder;  // made by Create outside `folder`, or empty
 };
 
 }  // namespace agenttest

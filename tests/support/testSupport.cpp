@@ -67,37 +67,6 @@ void Pump(int outFd, int errFd, int inFd, const std::string* input, ProcessResul
     }
 }
 
-#ifdef MARKFORGE_TEST_EMULATOR
-// True when `path` is an ELF program for 32-bit ARM, which the host can only
-// run under the emulator (the openssl oracle stays a host program).
-bool IsArmProgram(const std::string& path)
-{
-    if (path.find('/') == std::string::npos) return false;
-    unsigned char elf[20] = {};
-    std::ifstream in(path, std::ios::binary);
-    if (!in.read(reinterpret_cast<char*>(elf), sizeof elf)) return false;
-    const bool isElf = elf[0] == 0x7F && elf[1] == 'E' && elf[2] == 'L' && elf[3] == 'F';
-    const unsigned machine = elf[18] | (elf[19] << 8);  // e_machine, little-endian on ARM
-    return isElf && machine == 40;                        // EM_ARM
-}
-#endif
-
-// The command line that starts `argv`: in a cross build, target programs go
-// through the emulator the build was configured with.
-std::vector<std::string> WithEmulator(const std::vector<std::string>& argv)
-{
-#ifdef MARKFORGE_TEST_EMULATOR
-    if (!argv.empty() && IsArmProgram(argv[0])) {
-        std::vector<std::string> command;
-        std::stringstream words(MARKFORGE_TEST_EMULATOR);
-        for (std::string word; std::getline(words, word, '|');) command.push_back(word);
-        command.insert(command.end(), argv.begin(), argv.end());
-        return command;
-    }
-#endif
-    return argv;
-}
-
 // `command` as the null-terminated array exec and spawn take; it points into
 // `command`, which must outlive it.
 std::vector<char*> ExecArguments(const std::vector<std::string>& command)
@@ -132,6 +101,41 @@ void WaitForChild(pid_t pid, const std::vector<std::string>& argv, ProcessResult
 }
 
 }  // namespace
+
+#ifdef MARKFORGE_TEST_EMULATOR
+namespace {
+
+// True when `path` is an ELF program for 32-bit ARM, which the host can only
+// run under the emulator (the openssl oracle stays a host program).
+bool IsArmProgram(const std::string& path)
+{
+    if (path.find('/') == std::string::npos) return false;
+    unsigned char elf[20] = {};
+    std::ifstream in(path, std::ios::binary);
+    if (!in.read(reinterpret_cast<char*>(elf), sizeof elf)) return false;
+    const bool isElf = elf[0] == 0x7F && elf[1] == 'E' && elf[2] == 'L' && elf[3] == 'F';
+    const unsigned machine = elf[18] | (elf[19] << 8);  // e_machine, little-endian on ARM
+    return isElf && machine == 40;                        // EM_ARM
+}
+
+}  // namespace
+#endif
+
+// The command line that starts `argv`: in a cross build, target programs go
+// through the emulator the build was configured with.
+std::vector<std::string> WithEmulator(const std::vector<std::string>& argv)
+{
+#ifdef MARKFORGE_TEST_EMULATOR
+    if (!argv.empty() && IsArmProgram(argv[0])) {
+        std::vector<std::string> command;
+        std::stringstream words(MARKFORGE_TEST_EMULATOR);
+        for (std::string word; std::getline(words, word, '|');) command.push_back(word);
+        command.insert(command.end(), argv.begin(), argv.end());
+        return command;
+    }
+#endif
+    return argv;
+}
 
 ProcessResult Run(const std::vector<std::string>& argv, const std::string* input)
 {

@@ -20,6 +20,10 @@ struct ProcessResult {
     std::string err;       // everything written to standard error
 };
 
+// The command line that starts `argv`: in a cross build, target programs go
+// through the emulator the build was configured with.
+std::vector<std::string> WithEmulator(const std::vector<std::string>& argv);
+
 // Runs `argv` (argv[0] is the program path) with standard input from
 // /dev/null, or from `input` when given, and waits for it.
 ProcessResult Run(const std::vector<std::string>& argv, const std::string* input = nullptr);
