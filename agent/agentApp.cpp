@@ -131,14 +131,11 @@ int AgentApp::Serve(const AgentOptions& options)
     AgentServer server(settings, _keys, policy, _log);
     if (!server.Listen(error)) return Fail(error);
     if (!server.OwnerLookupWorks(error)) {
+        const std::string unknownOwners = "the kernel does not name the owner of a connection here (" + error + ")";
         // Without it no client could be told apart: fail at start rather
         // than refuse every request.
-        if (!settings.allowedUsers.empty())
-            return Fail("--allow-user cannot be honoured: the kernel does not name the owner of a connection "
-                        "here (" + error + ")");
-        _log.Write({{"event", "notice"},
-                    {"reason", "the kernel does not name the owner of a connection here (" + error +
-                                   "); every request line has uid null"}});
+        if (!settings.allowedUsers.empty()) return Fail("--allow-user cannot be honoured: " + unknownOwners);
+        _log.Write({{"event", "notice"}, {"reason", unknownOwners + "; every request line has uid null"}});
     }
     if (!options.portFile.empty() && !WritePortFile(options.portFile, server.Port(), error)) return Fail(error);
     _log.Write({{"event", "start"},

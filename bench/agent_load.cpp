@@ -158,14 +158,14 @@ private:
 
 bool ParseArguments(int argc, char** argv, Settings& settings)
 {
-    for (int i = 1; i < argc; i += 2) {
-        if (std::strcmp(argv[i], "--expect-refusal") == 0) {
+    for (int i = 1; i < argc; ++i) {
+        const std::string name = argv[i];
+        if (name == "--expect-refusal") {
             settings.expectRefusal = true;
-            --i;
             continue;
         }
         if (i + 1 == argc) return false;
-        const std::string name = argv[i], value = argv[i + 1];
+        const std::string value = argv[++i];
         if (name == "--port") settings.port = static_cast<unsigned short>(std::atoi(value.c_str()));
         else if (name == "--clients") settings.clients = std::atoi(value.c_str());
         else if (name == "--seconds") settings.seconds = std::atof(value.c_str());
@@ -173,7 +173,9 @@ bool ParseArguments(int argc, char** argv, Settings& settings)
         else if (name == "--digest-length") settings.digestLength = static_cast<size_t>(std::atoi(value.c_str()));
         else return false;
     }
-    return settings.clients > 0 && settings.seconds > 0;
+    // The request is laid out for these lengths only.
+    const size_t length = settings.digestLength;
+    return settings.clients > 0 && settings.seconds > 0 && (length == 32 || length == 48 || length == 64);
 }
 
 // Batch scheduling needs no privilege; without it the run is still valid,

@@ -22,24 +22,21 @@ long Count(const std::string& out, const std::string& name)
 
 class BenchTools : public KeyFolderTest {
 protected:
+    // Starts the agent on the fixture's key folder and runs agent_load
+    // against it briefly.
     ProcessResult Load(const std::string& key, bool expectRefusal)
     {
+        std::string error;
+        EXPECT_TRUE(agent.Start({"--key-dir", Folder()}, error)) << error;
         std::vector<std::string> argv = {AGENT_LOAD_BINARY, "--port", std::to_string(agent.Port()), "--clients", "4",
                                          "--seconds", "0.3", "--key", key};
         if (expectRefusal) argv.push_back("--expect-refusal");
         return testsupport::Run(argv);
     }
-
-    void StartAgent()
-    {
-        std::string error;
-        ASSERT_TRUE(agent.Start({"--key-dir", Folder()}, error)) << error;
-    }
 };
 
 TEST_F(BenchTools, LoadCountsAnsweredRequests)
 {
-    StartAgent();
     const ProcessResult result = Load("dev", false);
     EXPECT_EQ(result.status, 0) << result.err;
     EXPECT_GT(Count(result.out, "signatures"), 0) << result.out;
@@ -50,7 +47,6 @@ TEST_F(BenchTools, LoadCountsAnsweredRequests)
 
 TEST_F(BenchTools, LoadCountsRefusalsWhenItExpectsThem)
 {
-    StartAgent();
     const ProcessResult result = Load("absent", true);
     EXPECT_EQ(result.status, 0) << result.err;
     EXPECT_EQ(Count(result.out, "signatures"), 0) << result.out;
@@ -60,7 +56,6 @@ TEST_F(BenchTools, LoadCountsRefusalsWhenItExpectsThem)
 
 TEST_F(BenchTools, LoadFailsOnRefusalsItDidNotExpect)
 {
-    StartAgent();
     const ProcessResult result = Load("absent", false);
     EXPECT_EQ(result.status, 1) << result.out;
     EXPECT_GT(Count(result.out, "refused"), 0) << result.out;
@@ -68,7 +63,6 @@ TEST_F(BenchTools, LoadFailsOnRefusalsItDidNotExpect)
 
 TEST_F(BenchTools, LoadFailsOnAnswersWhenItExpectsRefusals)
 {
-    StartAgent();
     const ProcessResult result = Load("dev", true);
     EXPECT_EQ(result.status, 1) << result.out;
     EXPECT_GT(Count(result.out, "signatures"), 0) << result.out;
@@ -79,6 +73,18 @@ TEST_F(BenchTools, LoadRejectsUnknownArguments)
     const ProcessResult result = testsupport::Run({AGENT_LOAD_BINARY, "--clients"});
     EXPECT_EQ(result.status, 2);
     EXPECT_NE(result.err.find("usage: agent_load"), std::string::npos) << result.err;
+}
+
+// A digest length the request layout has no room for is a usage error, not
+// a write past the request.
+TEST_F(BenchTools, LoadRejectsDigestLengthsWithoutALayout)
+{
+    for (const char* length : {"0", "31", "65", "200"}) {
+        const ProcessResult result = testsupport::Run({AGENT_LOAD_BINARY, "--digest-length", length});
+        EXPECT_EQ(result.status, 2) << length;
+        EXPECT_FALSE(result.signaled) << length;
+        EXPECT_NE(result.err.find("usage: agent_load"), std::string::npos) << result.err;
+    }
 }
 
 ProcessResult SignBench(const std::string& folder, const std::string& key)
