@@ -8,6 +8,8 @@
 
 #include "containerReader.h"
 #include "publicKey.h"
+#include "recordLayout.h"
+#include "tableCheck.h"
 
 namespace markforge {
 
@@ -27,16 +29,35 @@ struct verifyResult {
     std::vector<std::vector<uint8_t>> componentDigests;
     verdict archive = verdict::ok;
     std::vector<uint8_t> archiveDigest;  // empty when not computed
+    // Every departure from the exact tiling of the payload by the records.
+    std::vector<layoutFinding> layout;
+    // The table of contents, checked against the records and the digests.
+    tableReport table;
+    // A container without a table is a problem of its own.
+    bool tableRequired = false;
 
-    // The number of verdicts that are not ok.
+    // The problems the table adds: each of its findings, or its absence
+    // when one is required.
+    size_t TableProblems() const;
+    // Signature verdicts that are not ok, layout findings and table problems.
     size_t Problems() const;
+    // Whether a table signed by the key vouches for every record's name,
+    // place and order.
+    bool NamesSigned() const;
+};
+
+// What a verification demands beyond the signatures and the layout.
+struct verifyPolicy {
+    bool requireTable = false;
 };
 
 class containerVerifier {
 public:
-    containerVerifier(const containerContents& contents, const fileReader& file, const publicKey& key);
+    containerVerifier(const containerContents& contents, const fileReader& file, const publicKey& key,
+                      verifyPolicy policy = {});
 
-    // Reads each component once, feeding its own digest and the archive's.
+    // Reads each component once, feeding its own digest and the archive's
+    // (and keeping the table's bytes), then checks the layout and the table.
     // False, with a reason, only when the file cannot be read.
     bool Run(verifyResult& result, std::string& reason) const;
 
@@ -45,10 +66,12 @@ public:
 
 private:
     void JudgeArchive(verifyResult& result, bool archiveComplete) const;
+    void CheckTable(verifyResult& result, const std::vector<uint8_t>& tableBytes) const;
 
     const containerContents& _contents;
     const fileReader& _file;
     const publicKey& _key;
+    verifyPolicy _policy;
     uint32_t _hashId;
 };
 

@@ -47,8 +47,11 @@ bool pluginHost::Load(const std::string& path, const char* argument, std::string
     if (!IsLoadableFile(path, reason)) return false;
 
     // RTLD_NOW: a plug-in with unresolved symbols is refused here, not in
-    // the middle of signing.
-    void* handle = dlopen(path.c_str(), RTLD_NOW | RTLD_LOCAL);
+    // the middle of signing. A name without a slash would send dlopen
+    // through the library search path; the file checked above is the one
+    // in the current folder, so that is the one loaded.
+    const std::string file = path.find('/') == std::string::npos ? "./" + path : path;
+    void* handle = dlopen(file.c_str(), RTLD_NOW | RTLD_LOCAL);
     if (!handle) {
         reason = "plug-in " + path + ": not a loadable shared object (" + LoaderError() + ")";
         return false;

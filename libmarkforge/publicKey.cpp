@@ -199,10 +199,17 @@ size_t publicKey::ModulusBytes() const
     return _key ? static_cast<size_t>(EVP_PKEY_get_size(_key)) : 0;
 }
 
+bool publicKey::HasModulusLength(const std::vector<uint8_t>& signature) const
+{
+    // OpenSSL's recovery would take a shorter number too (a dropped leading
+    // zero byte); only the one encoding at the modulus length is accepted.
+    return !signature.empty() && signature.size() == ModulusBytes();
+}
+
 bool publicKey::Verifies(const std::vector<uint8_t>& signature, const std::vector<uint8_t>& digest) const
 {
     const uint32_t hashId = digestStream::IdForLength(digest.size());
-    if (!_key || hashId == 0 || signature.empty()) return false;
+    if (!_key || hashId == 0 || !HasModulusLength(signature)) return false;
     PkeyCtxPtr context = VerifyContext(_key, false);
     const EVP_MD* md = EVP_get_digestbyname(digestStream::NameOf(hashId));
     return context && md && EVP_PKEY_CTX_set_signature_md(context.get(), md) == 1 &&
@@ -211,7 +218,7 @@ bool publicKey::Verifies(const std::vector<uint8_t>& signature, const std::vecto
 
 bool publicKey::Recover(const std::vector<uint8_t>& signature, std::vector<uint8_t>& digest, uint32_t& hashId) const
 {
-    if (!_key || signature.empty()) return false;
+    if (!_key || !HasModulusLength(signature)) return false;
     PkeyCtxPtr context = VerifyContext(_key, true);
     std::vector<uint8_t> info(ModulusBytes());
     size_t length = info.size();

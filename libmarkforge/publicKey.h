@@ -31,9 +31,12 @@ public:
     // The modulus size in bytes: the length of every signature by this key.
     size_t ModulusBytes() const;
 
+    // True when `signature` is exactly ModulusBytes() long, the one length a
+    // signature by this key has.
+    bool HasModulusLength(const std::vector<uint8_t>& signature) const;
     // True when `signature` is this key's PKCS#1 v1.5 signature over
     // `digest` (32, 48 or 64 bytes, with the DigestInfo of SHA-256, SHA-384
-    // or SHA-512).
+    // or SHA-512). A signature of any other length than the modulus is not.
     bool Verifies(const std::vector<uint8_t>& signature, const std::vector<uint8_t>& digest) const;
     // The digest a PKCS#1 v1.5 signature by this key carries, with its
     // framework hash number (3, 5 or 4). False when the signature is not

@@ -21,6 +21,7 @@
 #include "payloadCopier.h"
 #include "programPaths.h"
 #include "selfVerifier.h"
+#include "tableOfContents.h"
 
 namespace markforge {
 namespace {
@@ -124,6 +125,9 @@ void buildCommand::ParseComponents()
         componentWord component;
         std::string reason;
         if (!component.Parse(word, reason)) Fail(exitStatus::usage, reason);
+        if (component.name == tableOfContents::COMPONENT_NAME)
+            Fail(exitStatus::usage, "component name '" + component.name +
+                                        "' is kept for the table of contents that --table adds");
         if (!seen.insert(component.name).second)
             Fail(exitStatus::usage, "component name '" + component.name + "' is given twice");
         _components.push_back(component);
@@ -146,6 +150,10 @@ void buildCommand::CheckUsage() const
         Fail(exitStatus::usage, "key name '" + _options.key + "' is longer than the " +
                                     std::to_string(MAX_AGENT_KEY_NAME) + " characters the signing agent receives");
     if (!(_options.agentTimeout > 0)) Fail(exitStatus::usage, "--agent-timeout must be above 0 seconds");
+    if (Production() && _options.verifyKey.empty())
+        Fail(exitStatus::usage, "production mode needs --verify-key PUBKEY: any program can answer on " +
+                                    std::string(AGENT_ADDRESS) + ", so every signature it gives is checked against " +
+                                    "the release key's public half before the output is written");
 }
 
 void buildCommand::OpenComponents()
@@ -218,12 +226,13 @@ void buildCommand::CheckComponentsFit() const
     // With the key at hand the signature length is known; without it the
     // builder checks once the archive is signed.
     const size_t signature = _verifyKey.Loaded() ? _verifyKey.ModulusBytes() : MIN_SIGNATURE_SIZE;
-    const size_t used = signature + _components.size() * CompBlock::BYTES;
+    const size_t used = signature + RecordCount() * CompBlock::BYTES;
     if (used > HEADER_VARIABLE_SPACE) {
         const size_t most = (HEADER_VARIABLE_SPACE - signature) / CompBlock::BYTES;
-        Fail(exitStatus::usage, std::to_string(_components.size()) + " components do not fit in the header block" +
-                                    " with a " + std::to_string(signature) + "-byte signature (at most " +
-                                    std::to_string(most) + ")");
+        Fail(exitStatus::usage, std::to_string(RecordCount()) + " components" +
+                                    (_options.table ? " (the table of contents included)" : "") +
+                                    " do not fit in the header block with a " + std::to_string(signature) +
+                                    "-byte signature (at most " + std::to_string(most) + ")");
     }
 }
 
@@ -240,7 +249,24 @@ void buildCommand::BuildAndCommit(std::ostream& report)
         names.push_back(component.name);
         parts.push_back({component.name, component.path});
     }
-    payload.Start(_componentFds, names);
+    payload.Start(_componentFds, names, _options.table);
+
+    // The table is made from the digests of the bytes copied, so it waits
+    // for the copy; the library reads it, like any component, from a file.
+    outputFile tableFile;
+    containerBuilder::lastComponentSource table = nullptr;
+    if (_options.table) {
+        names.push_back(tableOfContents::COMPONENT_NAME);
+        table = [&](containerBuilder::component& last) {
+            std::string why;
+            if (!payload.Finish(why) || !tableFile.Create(_options.output + ".table", why) ||
+                pwrite(tableFile.Fd(), payload.TableBytes().data(), payload.TableBytes().size(), 0) !=
+                    static_cast<ssize_t>(payload.TableBytes().size()))
+                return false;
+            last = {tableOfContents::COMPONENT_NAME, tableFile.TempPath()};
+            return true;
+        };
+    }
 
     containerBuilder builder;
     bool built = false;
@@ -251,26 +277,20 @@ void buildCommand::BuildAndCommit(std::ostream& report)
             if (StartsWith(line, AGENT_REQUEST_TRACE)) timer.Arm();
             if (StartsWith(line, AGENT_ANSWER_TRACE)) timer.Disarm();
         });
-        built = builder.Build(_options.key, _options.mode, _hashId, parts, headerFile.TempPath());
+        built = builder.Build(_options.key, _options.mode, _hashId, parts, headerFile.TempPath(), table);
         timer.Disarm();
         libraryMessages = console.Messages();
     }
     const bool copied = payload.Finish(reason);
-    if (!built) ReportBuildFailure(builder, timer, libraryMessages);
+    // A failed copy (a component that starts with the table's label, a read
+    // or write error) also stops the table, so it is told first.
+    if (!copied) Fail(payload.InputAtFault() ? exitStatus::badInput : exitStatus::fileSystem, reason);
+    if (!built) ReportBuildFailure(builder, payload, timer, libraryMessages);
     if (!libraryMessages.empty()) std::cerr << libraryMessages << std::flush;
-    if (!copied) Fail(exitStatus::fileSystem, reason);
 
-    const selfVerifier verifier(builder.Records(), builder.ArchiveSignature(), payload, _hashId);
-    if (!verifier.CheckLayout(names, reason)) Fail(exitStatus::signingFailed, reason + "; nothing was written");
-    if (_verifyKey.Loaded() && !verifier.CheckSignatures(_verifyKey, reason))
-        Fail(exitStatus::signingFailed, reason + " under the " + (Production() ? "--verify-key" : "signing") +
-                                            " key; nothing was written");
-
+    SelfVerify(builder, payload, names);
     InstallHeader(headerFile.TempPath());
     if (!_output.Commit(reason)) Fail(exitStatus::fileSystem, reason);
-    if (!_verifyKey.Loaded())
-        std::cerr << "markforge: the output was not self-verified: give --verify-key PUBKEY to check the signing "
-                     "agent's signatures\n";
 
     for (const builtRecord& record : builder.Records())
         report << "component " << record.name << " offset " << record.offset << " size " << record.size
@@ -278,12 +298,34 @@ void buildCommand::BuildAndCommit(std::ostream& report)
     report << "wrote " << _options.output << "\n";
 }
 
-void buildCommand::ReportBuildFailure(const containerBuilder& builder, const agentTimer& timer,
-                                      const std::string& libraryMessages) const
+std::string buildCommand::SignerText() const
+{
+    return Production() ? "the signing agent at " + std::string(AGENT_ADDRESS) : "the key file";
+}
+
+void buildCommand::SelfVerify(const containerBuilder& builder, const payloadCopier& payload,
+                              const std::vector<std::string>& names) const
+{
+    std::string reason;
+    const selfVerifier verifier(builder.Records(), builder.ArchiveSignature(), payload, _hashId);
+    if (!verifier.CheckLayout(names, reason)) Fail(exitStatus::signingFailed, reason + "; nothing was written");
+    if (!verifier.CheckSignatureLengths(_verifyKey, reason))
+        Fail(exitStatus::signingFailed, SignerText() + " gave " + reason + "; nothing was written");
+    if (!verifier.CheckSignatures(_verifyKey, reason))
+        Fail(exitStatus::signingFailed, reason + " under the " + (Production() ? "--verify-key" : "signing") +
+                                            " key; nothing was written");
+}
+
+void buildCommand::ReportBuildFailure(const containerBuilder& builder, const payloadCopier& payload,
+                                      const agentTimer& timer, const std::string& libraryMessages) const
 {
     std::string message;
     exitStatus status = exitStatus::signingFailed;
-    if (Production() && timer.Expired()) {
+    const selfVerifier verifier(builder.Records(), builder.ArchiveSignature(), payload, _hashId);
+    if (builder.TooLarge() && !verifier.CheckSignatureLengths(_verifyKey, message)) {
+        // Signatures of the wrong length are what overran the block.
+        message = SignerText() + " gave " + message + "; nothing was written";
+    } else if (Production() && timer.Expired()) {
         message = "the signing agent at " + std::string(AGENT_ADDRESS) + " did not answer within " +
                   SecondsText(timer.Seconds()) + " s (--agent-timeout) while signing the " + builder.Stage() + "; check that markforge-agent runs";
     } else if (builder.TooLarge()) {

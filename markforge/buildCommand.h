@@ -26,6 +26,7 @@ struct buildOptions {
     bool pluginArgGiven = false;
     std::string verifyKey;
     bool headerOnly = false;
+    bool table = false;
     bool verbose = false;
     bool allowEmpty = false;
     double agentTimeout = 60;
@@ -56,9 +57,14 @@ private:
     void PrepareVerifyKey();
     void CheckOutputIsNoInput() const;
     void CheckComponentsFit() const;
+    size_t RecordCount() const { return _components.size() + (_options.table ? 1 : 0); }
     void BuildAndCommit(std::ostream& report);
-    void ReportBuildFailure(const class containerBuilder& builder, const class agentTimer& timer,
-                            const std::string& libraryMessages) const;
+    void SelfVerify(const class containerBuilder& builder, const class payloadCopier& payload,
+                    const std::vector<std::string>& names) const;
+    void ReportBuildFailure(const class containerBuilder& builder, const class payloadCopier& payload,
+                            const class agentTimer& timer, const std::string& libraryMessages) const;
+    // Who made the signatures, for messages.
+    std::string SignerText() const;
     void InstallHeader(const std::string& headerPath);
 
     buildOptions _options;

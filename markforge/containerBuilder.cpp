@@ -9,15 +9,24 @@
 namespace markforge {
 
 bool containerBuilder::Build(const std::string& keyName, const std::string& mode, uint32_t hashId,
-                             const std::vector<component>& components, const std::string& headerPath)
+                             const std::vector<component>& components, const std::string& headerPath,
+                             const lastComponentSource& last)
 {
     LB_FUNCTION("bool markforge::containerBuilder::Build(const string&, const string&, uint32_t, "
-                "const std::vector<markforge::containerBuilder::component>&, const string&)");
+                "const std::vector<markforge::containerBuilder::component>&, const string&, "
+                "const lastComponentSource&)");
     archive built;
     _stage = "archive";
     LB_OPEN_WITH(built, built.Open(keyName, mode, hashId));
     LB_CHECK(built.InitAddComponentsFromCmdline());
     for (const component& part : components) {
+        _stage = "component " + part.name;
+        LB_CHECK(built.AddComponent(part.name, part.path));
+    }
+    if (last) {
+        _stage = "table of contents";
+        component part;
+        if (!last(part)) LB_FAIL("The last component could not be made");
         _stage = "component " + part.name;
         LB_CHECK(built.AddComponent(part.name, part.path));
     }

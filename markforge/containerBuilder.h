@@ -3,6 +3,7 @@
 #pragma once
 
 #include <cstdint>
+#include <functional>
 #include <string>
 #include <vector>
 
@@ -31,14 +32,20 @@ public:
         std::string path;
     };
 
+    // Gives the component that follows the others, once they are added
+    // (the table of contents, made from what was added); false on failure.
+    using lastComponentSource = std::function<bool(component& last)>;
+
     // Opens an archive for `keyName` in `mode` with digest `hashId`, adds
-    // every component in order, signs the archive and writes the 4096-byte
-    // header block to `headerPath`. On failure, Stage() says which step.
+    // every component in order, then the one `last` gives (when set), signs
+    // the archive and writes the 4096-byte header block to `headerPath`. On
+    // failure, Stage() says which step.
     bool Build(const std::string& keyName, const std::string& mode, uint32_t hashId,
-               const std::vector<component>& components, const std::string& headerPath);
+               const std::vector<component>& components, const std::string& headerPath,
+               const lastComponentSource& last = nullptr);
 
     // The step under way, or the one that failed: "component NAME",
-    // "archive signature" or "header block".
+    // "table of contents", "archive signature" or "header block".
     const std::string& Stage() const { return _stage; }
     // True when the table and signature could not fit in the header block.
     bool TooLarge() const { return _tooLarge; }

@@ -30,6 +30,14 @@ const char* HashWord(uint32_t hashId)
     }
 }
 
+// A half-open range of payload bytes for a person.
+std::string RangeText(uint64_t start, uint64_t end)
+{
+    if (end <= start) return "payload offset " + std::to_string(start);
+    return "payload bytes " + std::to_string(start) + " to " + std::to_string(end - 1) + " (" +
+           std::to_string(end - start) + (end - start == 1 ? " byte)" : " bytes)");
+}
+
 }  // namespace
 
 containerReport::containerReport(const std::string& path, const containerContents& contents)
@@ -107,7 +115,104 @@ std::string containerReport::SignerText(const keyring& signers, const std::vecto
     return signer->file + " (key SHA-256 " + Hex(signer->fingerprint) + ")";
 }
 
-nlohmann::ordered_json containerReport::InfoDocument(const keyring* signers) const
+std::string containerReport::ComponentText(uint32_t index) const
+{
+    return "component " + std::to_string(index) + " '" + ShownName(_contents.components.at(index).name) + "'";
+}
+
+std::string containerReport::LayoutText(const layoutFinding& finding) const
+{
+    const std::vector<uint32_t>& at = finding.components;
+    const std::string range = RangeText(finding.start, finding.end);
+    switch (finding.what) {
+    case layoutFinding::kind::gap:
+        return range + (at.size() == 1 ? " before " + ComponentText(at[0])
+                                       : " between " + ComponentText(at[0]) + " and " + ComponentText(at[1])) +
+               " are covered by no record";
+    case layoutFinding::kind::overlap:
+        return ComponentText(at[1]) + " starts inside " + ComponentText(at[0]) + ": " + range + " are in both";
+    case layoutFinding::kind::outOfOrder:
+        return ComponentText(at[1]) + " (" + range + ") lies before " + ComponentText(at[0]) +
+               ", against the order of the records";
+    case layoutFinding::kind::trailingBytes:
+        return range + (at.empty() ? " in a container without components" : " after the last component") +
+               " are covered by no record";
+    case layoutFinding::kind::duplicateName:
+        return ComponentText(at[0]) + " and " + ComponentText(at[1]) + " have the same name";
+    }
+    return "";
+}
+
+nlohmann::ordered_json containerReport::LayoutField(const std::vector<layoutFinding>& findings) const
+{
+    nlohmann::ordered_json list = nlohmann::ordered_json::array();
+    for (const layoutFinding& finding : findings) {
+        nlohmann::ordered_json entry;
+        entry["kind"] = LayoutKindName(finding.what);
+        const bool ranged = finding.what != layoutFinding::kind::duplicateName;
+        entry["start"] = ranged ? nlohmann::ordered_json(finding.start) : nlohmann::ordered_json(nullptr);
+        entry["end"] = ranged ? nlohmann::ordered_json(finding.end) : nlohmann::ordered_json(nullptr);
+        entry["components"] = finding.components;
+        entry["text"] = LayoutText(finding);
+        list.push_back(entry);
+    }
+    return list;
+}
+
+nlohmann::ordered_json containerReport::TableField(const tableReport& table) const
+{
+    nlohmann::ordered_json field;
+    field["present"] = table.present;
+    field["component"] = table.present ? nlohmann::ordered_json(table.record) : nlohmann::ordered_json(nullptr);
+    field["state"] = table.State();
+    nlohmann::ordered_json entries = nlohmann::ordered_json::array();
+    for (const tableEntry& listed : table.entries) {
+        nlohmann::ordered_json entry;
+        entry["index"] = listed.index;
+        AddName(entry, listed.name);
+        entry["offset"] = listed.offset;
+        entry["size"] = listed.size;
+        const char* hash = HashWord(digestStream::IdForLength(listed.digest.size()));
+        entry["hash"] = hash ? nlohmann::ordered_json(hash) : nlohmann::ordered_json(nullptr);
+        entry["digest"] = Hex(listed.digest);
+        entries.push_back(entry);
+    }
+    field["entries"] = entries;
+    field["findings"] = table.findings;
+    return field;
+}
+
+void containerReport::WriteLayoutText(std::ostream& out, const std::vector<layoutFinding>& findings) const
+{
+    if (findings.empty())
+        out << "layout: ok: the records cover the " << _contents.payloadLength << " payload bytes exactly\n";
+    for (const layoutFinding& finding : findings)
+        out << "layout: " << LayoutKindName(finding.what) << ": " << LayoutText(finding) << "\n";
+}
+
+void containerReport::WriteTableText(std::ostream& out, const tableReport& table, bool required) const
+{
+    if (!table.present) {
+        out << "table: absent: the names and order of this container's components are not signed"
+            << (required ? " (--require-table)" : "") << "\n";
+        return;
+    }
+    if (table.Holds()) {
+        out << "table: ok: " << ComponentText(table.record) << " lists the name, place, size and digest of "
+            << table.entries.size() << (table.entries.size() == 1 ? " component\n" : " components\n");
+        return;
+    }
+    for (const std::string& finding : table.findings) out << "table: " << table.State() << ": " << finding << "\n";
+}
+
+void containerReport::WriteLeadingBytesText(std::ostream& out) const
+{
+    if (_contents.headerOffset > 0)
+        out << "note: the " << _contents.headerOffset
+            << " bytes before the header block are not part of the container; no signature covers them\n";
+}
+
+nlohmann::ordered_json containerReport::InfoDocument(const keyring* signers, const tableReport& table) const
 {
     nlohmann::ordered_json document = Preamble("info");
     nlohmann::ordered_json header = HeaderFields();
@@ -134,10 +239,13 @@ nlohmann::ordered_json containerReport::InfoDocument(const keyring* signers) con
             keys.push_back({{"file", entry.file}, {"fingerprint", Hex(entry.fingerprint)}});
         document["keyring"] = {{"keys", keys}, {"skipped", signers->Skipped()}};
     }
+    document["bytes_before_header"] = _contents.headerOffset;
+    document["layout"] = LayoutField(CheckRecordLayout(_contents));
+    document["table"] = TableField(table);
     return document;
 }
 
-void containerReport::WriteInfoText(std::ostream& out, const keyring* signers) const
+void containerReport::WriteInfoText(std::ostream& out, const keyring* signers, const tableReport& table) const
 {
     const char* hash = HashWord(_contents.hashId);
     out << "file:             " << _path << " (" << _contents.fileSize << " bytes)\n";
@@ -156,6 +264,13 @@ void containerReport::WriteInfoText(std::ostream& out, const keyring* signers) c
             << "\n";
         if (signers) out << "    signed by: " << SignerText(*signers, component.signature) << "\n";
     }
+    WriteLayoutText(out, CheckRecordLayout(_contents));
+    WriteTableText(out, table, false);
+    for (const tableEntry& entry : table.entries)
+        out << "  listed " << entry.index << " " << ShownName(entry.name) << ": offset " << entry.offset << ", size "
+            << entry.size << ", " << digestStream::NameOf(digestStream::IdForLength(entry.digest.size())) << " "
+            << Hex(entry.digest) << "\n";
+    WriteLeadingBytesText(out);
 }
 
 nlohmann::ordered_json containerReport::VerifyDocument(const std::string& keyPath, const publicKey& key,
@@ -183,6 +298,12 @@ nlohmann::ordered_json containerReport::VerifyDocument(const std::string& keyPat
         {"digest", digest.empty() ? nlohmann::ordered_json(nullptr) : nlohmann::ordered_json(Hex(digest))},
         {"verdict", VerdictName(result.archive)}};
     document["problems"] = result.Problems();
+    document["bytes_before_header"] = _contents.headerOffset;
+    document["layout"] = LayoutField(result.layout);
+    nlohmann::ordered_json table = TableField(result.table);
+    table["required"] = result.tableRequired;
+    document["table"] = table;
+    document["names_signed"] = result.NamesSigned();
     return document;
 }
 
@@ -192,6 +313,9 @@ void containerReport::WriteVerifyText(std::ostream& out, const verifyResult& res
         out << "component " << i << " " << ShownName(_contents.components[i].name) << ": "
             << VerdictName(result.components[i]) << "\n";
     out << "archive: " << VerdictName(result.archive) << "\n";
+    WriteLayoutText(out, result.layout);
+    WriteTableText(out, result.table, result.tableRequired);
+    WriteLeadingBytesText(out);
     const size_t problems = result.Problems();
     if (problems == 0)
         out << "verified: every signature is good\n";

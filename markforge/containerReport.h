@@ -10,6 +10,8 @@
 #include "containerReader.h"
 #include "containerVerifier.h"
 #include "keyring.h"
+#include "recordLayout.h"
+#include "tableCheck.h"
 
 namespace markforge {
 
@@ -20,14 +22,18 @@ public:
     // `path` is the container as named on the command line.
     containerReport(const std::string& path, const containerContents& contents);
 
-    // info; `signers` may be nullptr (no --keyring).
-    nlohmann::ordered_json InfoDocument(const keyring* signers) const;
-    void WriteInfoText(std::ostream& out, const keyring* signers) const;
+    // info; `signers` may be nullptr (no --keyring); `table` as read from
+    // the file, digests aside.
+    nlohmann::ordered_json InfoDocument(const keyring* signers, const tableReport& table) const;
+    void WriteInfoText(std::ostream& out, const keyring* signers, const tableReport& table) const;
 
     // verify, under the key read from `keyPath`.
     nlohmann::ordered_json VerifyDocument(const std::string& keyPath, const publicKey& key,
                                           const verifyResult& result) const;
     void WriteVerifyText(std::ostream& out, const verifyResult& result) const;
+
+    // One line for a person on a layout finding.
+    std::string LayoutText(const layoutFinding& finding) const;
 
     // The document as text: valid UTF-8 whatever the paths hold, one newline
     // at the end.
@@ -43,6 +49,12 @@ private:
     static nlohmann::ordered_json SignerField(const keyring& signers, const std::vector<uint8_t>& signature);
     static std::string SignerText(const keyring& signers, const std::vector<uint8_t>& signature);
     static std::string ShownName(const std::string& name);
+    std::string ComponentText(uint32_t index) const;
+    nlohmann::ordered_json LayoutField(const std::vector<layoutFinding>& findings) const;
+    nlohmann::ordered_json TableField(const tableReport& table) const;
+    void WriteLayoutText(std::ostream& out, const std::vector<layoutFinding>& findings) const;
+    void WriteTableText(std::ostream& out, const tableReport& table, bool required) const;
+    void WriteLeadingBytesText(std::ostream& out) const;
 
     std::string _path;
     const containerContents& _contents;

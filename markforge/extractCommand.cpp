@@ -11,6 +11,7 @@
 #include "containerReport.h"
 #include "exitStatus.h"
 #include "outputFile.h"
+#include "recordLayout.h"
 
 namespace markforge {
 namespace {
@@ -36,6 +37,42 @@ std::string NamesOf(const containerContents& contents)
                                                                 ? component.name
                                                                 : "(a name that is not printable text)");
     return names.empty() ? "none" : names;
+}
+
+// The payload that the records cover: from its first byte to where the last
+// record ends. Refused when the records do not tile it, since then no one
+// range is both whole and signed.
+uint64_t CoveredPayload(const std::string& file, const containerContents& contents)
+{
+    const containerReport report(file, contents);
+    for (const layoutFinding& finding : CheckRecordLayout(contents)) {
+        if (finding.what == layoutFinding::kind::trailingBytes || finding.what == layoutFinding::kind::duplicateName)
+            continue;
+        throw commandFailure(exitStatus::badInput, file + ": the records do not cover the payload exactly (" +
+                                                       std::string(LayoutKindName(finding.what)) + ": " +
+                                                       report.LayoutText(finding) +
+                                                       "); extract the components one by one");
+    }
+    const uint64_t end = CoveredEnd(contents);
+    if (end > contents.payloadLength)
+        throw commandFailure(exitStatus::badInput, file + ": the last component runs past the end of the file");
+    return end;
+}
+
+// The one component called `name`; two of that name are refused, since
+// the records' names are not what a signature covers.
+const componentEntry& OnlyComponentNamed(const std::string& file, const containerContents& contents,
+                                         const std::string& name)
+{
+    const componentEntry* found = contents.Find(name);
+    if (!found)
+        throw commandFailure(exitStatus::usage,
+                             file + " has no component named '" + name + "' (it has: " + NamesOf(contents) + ")");
+    for (const componentEntry& component : contents.components)
+        if (component.name == name && &component != found)
+            throw commandFailure(exitStatus::badInput, file + " has more than one component named '" + name +
+                                                           "'; it is not the container that was built");
+    return *found;
 }
 
 }  // namespace
@@ -77,16 +114,14 @@ void extractCommand::Run()
     if (_options.headerSignature) {
         toOutput(contents.signature.data(), contents.signature.size());
     } else if (_options.payload) {
-        written = reader.File().Stream(contents.payloadOffset, contents.payloadLength, toOutput, reason);
+        written = reader.File().Stream(contents.payloadOffset, CoveredPayload(_options.file, contents), toOutput,
+                                       reason);
     } else {
-        const componentEntry* component = contents.Find(_options.component);
-        if (!component)
-            throw commandFailure(exitStatus::usage, _options.file + " has no component named '" +
-                                                        _options.component + "' (it has: " + NamesOf(contents) + ")");
-        if (!component->insideFile)
+        const componentEntry& component = OnlyComponentNamed(_options.file, contents, _options.component);
+        if (!component.insideFile)
             throw commandFailure(exitStatus::badInput, "component " + _options.component + " of " + _options.file +
                                                            " runs past the end of the file");
-        written = reader.File().Stream(component->fileOffset, component->size, toOutput, reason);
+        written = reader.File().Stream(component.fileOffset, component.size, toOutput, reason);
     }
     if (!written) throw commandFailure(exitStatus::fileSystem, reason);
     if (writeError)

@@ -5,6 +5,7 @@
 #include "containerReport.h"
 #include "exitStatus.h"
 #include "keyring.h"
+#include "tableCheck.h"
 
 namespace markforge {
 
@@ -19,10 +20,11 @@ void infoCommand::Run(std::ostream& out)
     containerInput::Open(reader, _options.file);
     const containerReport report(_options.file, reader.Contents());
     const keyring* used = withKeyring ? &signers : nullptr;
+    const tableReport table = tableCheck::Read(reader.Contents(), reader.File());
     if (_options.json)
-        out << containerReport::JsonText(report.InfoDocument(used));
+        out << containerReport::JsonText(report.InfoDocument(used, table));
     else
-        report.WriteInfoText(out, used);
+        report.WriteInfoText(out, used, table);
 }
 
 }  // namespace markforge

@@ -61,9 +61,17 @@ void CloseKey(lbRsa& key)
 void keygenCommand::Run()
 {
     CheckOutputsAreNew();
+    // The outputs' folders are tried before any key object is opened, so
+    // that no failure leaves one open behind it.
+    std::string reason;
+    outputFile privateFile;
+    if (!privateFile.Create(_options.output, reason)) Fail(exitStatus::fileSystem, reason);
+    outputFile publicFile;
+    if (!_options.publicOut.empty() && !publicFile.Create(_options.publicOut, reason))
+        Fail(exitStatus::fileSystem, reason);
+
     lockbase::RsaKeyTexts texts;
     publicKey half;
-    std::string reason;
     if (!keyGenerator::Generate(_options.bits, texts, half, reason)) Fail(exitStatus::signingFailed, reason);
 
     lbRsa key;
@@ -72,17 +80,10 @@ void keygenCommand::Run()
     WipeTexts(texts);
     if (!made) CloseKey(key);
     if (!made) Fail(exitStatus::signingFailed, "the new key could not be taken into a key object");
-
-    outputFile privateFile;
-    if (!privateFile.Create(_options.output, reason)) Fail(exitStatus::fileSystem, reason);
     WritePrivateKey(key, privateFile);
 
-    outputFile publicFile;
-    if (!_options.publicOut.empty()) {
-        if (!publicFile.Create(_options.publicOut, reason)) Fail(exitStatus::fileSystem, reason);
-        if (!WriteAll(publicFile.Fd(), half.PemText()))
-            Fail(exitStatus::fileSystem, "cannot write " + _options.publicOut);
-    }
+    if (!_options.publicOut.empty() && !WriteAll(publicFile.Fd(), half.PemText()))
+        Fail(exitStatus::fileSystem, "cannot write " + _options.publicOut);
     if (!privateFile.CommitWithoutReplacing(true, reason)) Fail(exitStatus::fileSystem, reason);
     if (!_options.publicOut.empty() && !publicFile.CommitWithoutReplacing(false, reason)) {
         // Both or neither: a key without the public half asked for is

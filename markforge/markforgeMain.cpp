@@ -46,7 +46,10 @@ void AddBuildCommand(CLI::App& app, buildOptions& options)
     keyDir->excludes(plugin);
     pluginArg->needs(plugin);
     build->add_flag("--header-only", options.headerOnly, "Write only the 4096-byte header block");
-    build->add_option("--verify-key", options.verifyKey, "Production: public key to self-verify the signatures with")
+    build->add_flag("--table", options.table,
+                    "Add a signed table of contents (component .markforge-toc) that binds every name and place");
+    build->add_option("--verify-key", options.verifyKey,
+                      "Production (required): the release key's public half; every signature is checked with it")
         ->type_name("PUBKEY");
     build->add_option("--agent-timeout", options.agentTimeout, "Production: seconds to wait for each agent answer")
         ->type_name("SECONDS");
@@ -86,8 +89,13 @@ void AddVerifyCommand(CLI::App& app, verifyOptions& options)
         ->required()
         ->type_name("PUBKEY");
     verify->add_flag("--json", options.json, "One JSON document on standard output (docs/json.md)");
+    verify->add_flag("--require-table", options.requireTable,
+                     "Fail a container without a signed table of contents (build --table)");
     verify->footer(std::string("Verdicts: ok, digest-mismatch (a good signature over other bytes), bad-signature\n"
-                               "(not this key's signature), outside-file (the record points past the end).\n") +
+                               "(not this key's signature), outside-file (the record points past the end).\n"
+                               "Layout: the records must cover the payload exactly, in order; every gap,\n"
+                               "overlap, out-of-order record, trailing byte or repeated name is a problem.\n"
+                               "Table: with a table of contents every record must match it.\n") +
                    EXIT_STATUS_TEXT);
 }
 
@@ -188,6 +196,12 @@ bool Main::Run(int argc, char** argv)
         CloseCrypto();
         std::cerr << "markforge: " << failure.what() << "\n";
         _status = failure.Status();
+    } catch (const std::exception& failure) {
+        // Whatever else stops a command (memory, a failing OpenSSL digest)
+        // ends it the same way, outputs removed by their owners.
+        CloseCrypto();
+        std::cerr << "markforge: " << failure.what() << "; nothing was written\n";
+        _status = exitStatus::fileSystem;
     }
     std::cout.flush();
     return _status == exitStatus::ok;

@@ -37,14 +37,54 @@ void ReleaseSlot(int slot)
     if (slot >= 0) g_used[slot] = 0;
 }
 
-void RemoveTemporariesAndDie(int signal)
+// Every signal whose default action ends the process: the requests to stop,
+// the broken pipe of a closed standard error, a file-size limit, timers, and
+// the faults of a crash. Only SIGKILL (and SIGSTOP, which ends nothing) are
+// beyond reach.
+constexpr int FATAL_SIGNALS[] = {SIGHUP,  SIGINT,    SIGQUIT, SIGILL,  SIGTRAP, SIGABRT, SIGBUS,
+                                 SIGFPE,  SIGUSR1,   SIGSEGV, SIGUSR2, SIGPIPE, SIGALRM, SIGTERM,
+                                 SIGXCPU, SIGXFSZ,   SIGVTALRM, SIGPROF, SIGIO, SIGPWR, SIGSYS};
+constexpr int SIGNAL_COUNT = 65;
+// What each signal did before: a sanitizer's fault handler, say, still
+// reports the crash after the temporaries are gone.
+struct sigaction g_previous[SIGNAL_COUNT];
+
+// True when the kernel raised `info`'s signal for the instruction that
+// faulted; it comes again when the handler returns.
+bool IsFault(const siginfo_t* info)
+{
+    return info && info->si_code > 0 &&
+           (info->si_signo == SIGSEGV || info->si_signo == SIGBUS || info->si_signo == SIGILL ||
+            info->si_signo == SIGFPE || info->si_signo == SIGTRAP);
+}
+
+void RemoveTemporariesAndDie(int signal, siginfo_t* info, void*)
 {
     for (int i = 0; i < SLOTS; ++i)
         if (g_used[i]) unlink(g_temporaries[i]);
     struct sigaction fallback = {};
     fallback.sa_handler = SIG_DFL;
+    const bool known = signal > 0 && signal < SIGNAL_COUNT;
+    sigaction(signal, known ? &g_previous[signal] : &fallback, nullptr);
+    if (IsFault(info)) return;
+    sigset_t self;
+    sigemptyset(&self);
+    sigaddset(&self, signal);
+    sigprocmask(SIG_UNBLOCK, &self, nullptr);
+    raise(signal);
+    // A previous handler that returned leaves the default action to end it.
     sigaction(signal, &fallback, nullptr);
     raise(signal);
+}
+
+const char* KindOf(mode_t mode)
+{
+    if (S_ISDIR(mode)) return "a folder";
+    if (S_ISCHR(mode)) return "a character device";
+    if (S_ISBLK(mode)) return "a block device";
+    if (S_ISFIFO(mode)) return "a FIFO";
+    if (S_ISSOCK(mode)) return "a socket";
+    return "not a regular file";
 }
 
 std::string FolderOf(const std::string& path)
@@ -76,17 +116,26 @@ outputFile::~outputFile()
 void outputFile::RemoveTemporariesOnSignals()
 {
     struct sigaction action = {};
-    action.sa_handler = RemoveTemporariesAndDie;
+    action.sa_sigaction = RemoveTemporariesAndDie;
+    action.sa_flags = SA_SIGINFO;
     sigemptyset(&action.sa_mask);
-    for (int signal : {SIGINT, SIGTERM, SIGHUP, SIGQUIT}) sigaction(signal, &action, nullptr);
+    for (int signal : FATAL_SIGNALS) {
+        // A signal the caller ignores (SIGPIPE under some shells) stays
+        // ignored: then a failed write reports it instead.
+        if (sigaction(signal, nullptr, &g_previous[signal]) == 0 && g_previous[signal].sa_handler == SIG_IGN)
+            continue;
+        sigaction(signal, &action, nullptr);
+    }
 }
 
 bool outputFile::Create(const std::string& finalPath, std::string& reason)
 {
     Discard();
+    // The rename would put a regular file in place of whatever is there: a
+    // device node, a FIFO or a socket is refused rather than replaced.
     struct stat info;
-    if (stat(finalPath.c_str(), &info) == 0 && S_ISDIR(info.st_mode)) {
-        reason = finalPath + " is a folder";
+    if (stat(finalPath.c_str(), &info) == 0 && !S_ISREG(info.st_mode)) {
+        reason = finalPath + " is " + KindOf(info.st_mode) + "; only a regular file is written or replaced";
         return false;
     }
     // The temporary name starts with a dot: hidden from a glob over the folder.

@@ -8,6 +8,7 @@
 #include <memory>
 
 #include "digestStream.h"
+#include "tableOfContents.h"
 
 namespace markforge {
 namespace {
@@ -41,10 +42,11 @@ payloadCopier::~payloadCopier()
     if (_thread.joinable()) _thread.join();
 }
 
-void payloadCopier::Start(std::vector<int> inputs, std::vector<std::string> names)
+void payloadCopier::Start(std::vector<int> inputs, std::vector<std::string> names, bool withTable)
 {
     _inputs = std::move(inputs);
     _names = std::move(names);
+    _withTable = withTable;
     _thread = std::thread([this] { CopyAll(); });
 }
 
@@ -59,11 +61,13 @@ void payloadCopier::CopyAll()
 {
     try {
         _buffer.resize(CHUNK);
+        // One component in all signs its archive with its own signature.
         std::unique_ptr<digestStream> archive;
-        if (_inputs.size() != 1) archive = std::make_unique<digestStream>(_hashId);
+        if (_inputs.size() + (_withTable ? 1 : 0) != 1) archive = std::make_unique<digestStream>(_hashId);
         uint64_t at = 0;
         for (size_t i = 0; i < _inputs.size(); ++i)
             if (!CopyOne(i, at, archive.get())) return;
+        if (_withTable && !AppendTable(at, archive.get())) return;
         if (archive) _archiveDigest = archive->Final();
     } catch (const std::exception& e) {
         _error = e.what();
@@ -79,22 +83,53 @@ bool payloadCopier::CopyOne(size_t index, uint64_t& at, digestStream* archive)
         if (n < 0 && errno == EINTR) continue;
         if (n < 0) {
             _error = "cannot read component " + _names[index] + ": " + std::strerror(errno);
+            _inputAtFault = true;
             return false;
         }
         if (n == 0) break;
         const size_t length = static_cast<size_t>(n);
-        component.Update(_buffer.data(), length);
-        if (archive) archive->Update(_buffer.data(), length);
-        if (_output >= 0 && !WriteAll(_output, _buffer.data(), length, _base + at + copied)) {
-            _error = std::string("cannot write the payload: ") + std::strerror(errno);
+        // Only the table may start with its label, so that no signed
+        // component can ever be passed off as a table.
+        if (copied == 0 && tableOfContents::StartsWithLabel(_buffer.data(), length)) {
+            _error = "component " + _names[index] + " starts with the label of a table of contents, which no " +
+                     "other component may; nothing was written";
+            _inputAtFault = true;
             return false;
         }
+        component.Update(_buffer.data(), length);
+        if (archive) archive->Update(_buffer.data(), length);
+        if (!Write(_buffer.data(), length, at + copied)) return false;
         copied += length;
     }
     _componentDigests.push_back(component.Final());
     _sizes.push_back(copied);
     at += copied;
     return true;
+}
+
+bool payloadCopier::AppendTable(uint64_t& at, digestStream* archive)
+{
+    std::vector<tableEntry> entries;
+    uint64_t offset = 0;
+    for (size_t i = 0; i < _sizes.size(); ++i) {
+        entries.push_back({static_cast<uint32_t>(i), _names[i], static_cast<uint32_t>(offset),
+                           static_cast<uint32_t>(_sizes[i]), _componentDigests[i]});
+        offset += _sizes[i];
+    }
+    _table = tableOfContents::Encode(entries);
+    if (archive) archive->Update(_table.data(), _table.size());
+    if (!Write(_table.data(), _table.size(), at)) return false;
+    _componentDigests.push_back(digestStream::Of(_hashId, _table.data(), _table.size()));
+    _sizes.push_back(_table.size());
+    at += _table.size();
+    return true;
+}
+
+bool payloadCopier::Write(const uint8_t* data, size_t length, uint64_t at)
+{
+    if (_output < 0 || WriteAll(_output, data, length, _base + at)) return true;
+    _error = std::string("cannot write the payload: ") + std::strerror(errno);
+    return false;
 }
 
 }  // namespace markforge

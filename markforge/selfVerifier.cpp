@@ -29,6 +29,19 @@ bool selfVerifier::CheckLayout(const std::vector<std::string>& names, std::strin
     return true;
 }
 
+bool selfVerifier::CheckSignatureLengths(const publicKey& key, std::string& reason) const
+{
+    const auto wrong = [&key, &reason](const std::vector<uint8_t>& signature, const std::string& what) {
+        if (signature.size() == key.ModulusBytes()) return false;
+        reason = std::to_string(signature.size()) + (signature.size() == 1 ? " byte" : " bytes") + " for the " +
+                 what + ", where a signature by the key is " + std::to_string(key.ModulusBytes()) + " bytes";
+        return true;
+    };
+    for (const builtRecord& record : _records)
+        if (wrong(record.signature, "component " + record.name)) return false;
+    return !wrong(_archiveSignature, "archive");
+}
+
 bool selfVerifier::CheckSignatures(const publicKey& key, std::string& reason) const
 {
     for (size_t i = 0; i < _records.size(); ++i) {

@@ -21,6 +21,9 @@ public:
     // sizes that were copied. False, with a one-line reason, otherwise
     // (a component that changed while it was being built).
     bool CheckLayout(const std::vector<std::string>& names, std::string& reason) const;
+    // Every signature is exactly as long as `key`'s modulus. False, with a
+    // one-line reason naming the first that is not and its length.
+    bool CheckSignatureLengths(const publicKey& key, std::string& reason) const;
     // Every component signature, and the archive signature, verify under
     // `key` over the digests of the bytes copied. False, with a one-line
     // reason naming the first that does not.

@@ -11,6 +11,7 @@ struct verifyOptions {
     std::string file;
     std::string key;
     bool json = false;
+    bool requireTable = false;
 };
 
 class verifyCommand {

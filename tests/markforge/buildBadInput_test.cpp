@@ -49,6 +49,8 @@ protected:
     {
         MakeComponent("a.bin", 100, 1);
         MakeComponent("short.bin", 10, 2);
+        const std::string label("markforge-table\0", 16);
+        testsupport::WriteFile(dir.file("labelled.bin"), label + "a table's label and then anything");
         mkdir(dir.file("folder").c_str(), 0755);
     }
 };
@@ -93,7 +95,15 @@ const BadInput ROWS[] = {
      "markforge: cannot create a file in /proc: "},
     {"MissingOutputFolder", Dev({"-o", "{D}/no/such/out.img", "a={D}/a.bin"}), 4,
      "markforge: cannot create a file in {D}/no/such: No such file or directory\n"},
-    {"OutputIsAFolder", Dev({"-o", "{D}/folder", "a={D}/a.bin"}), 4, "markforge: {D}/folder is a folder\n"},
+    {"OutputIsAFolder", Dev({"-o", "{D}/folder", "a={D}/a.bin"}), 4,
+     "markforge: {D}/folder is a folder; only a regular file is written or replaced\n"},
+    {"ReservedTableName", Dev({"-o", "{D}/out.img", ".markforge-toc={D}/a.bin"}), 2,
+     "markforge: component name '.markforge-toc' is kept for the table of contents that --table adds\n"},
+    {"ComponentWithTheTableLabel", Dev({"-o", "{D}/out.img", "a={D}/a.bin", "fake={D}/labelled.bin"}), 3,
+     "markforge: component fake starts with the label of a table of contents, which no other component may; "
+     "nothing was written\n"},
+    {"ProductionWithoutVerifyKey", {"-o", "{D}/out.img", "--key", "k", "--mode", "production", "a={D}/a.bin"}, 2,
+     "markforge: production mode needs --verify-key PUBKEY: any program can answer on 127.0.0.1:8001"},
     {"OutputIsAComponent", Dev({"-o", "{D}/a.bin", "a={D}/a.bin"}), 2,
      "markforge: the output {D}/a.bin is the file of component a\n"},
     {"OutputIsTheKey", Dev({"-o", "{K}/dev.markforge", "a={D}/a.bin"}), 2,
@@ -110,7 +120,7 @@ const BadInput ROWS[] = {
                               "a={D}/a.bin"},
      2, "markforge: --key-dir and --plugin name development keys; production mode signs through the agent\n"},
     {"ProductionKeyNameOf31", {"-o", "{D}/out.img", "--key", std::string(31, 'k'), "--mode", "production",
-                               "a={D}/a.bin"},
+                               "--verify-key", "{D}/short.bin", "a={D}/a.bin"},
      2, "markforge: key name 'kkkkkkkkkkkkkkkkkkkkkkkkkkkkkkk' is longer than the 30 characters the signing agent"},
     {"ZeroAgentTimeout", {"-o", "{D}/out.img", "--key", "k", "--mode", "production", "--agent-timeout", "0",
                           "a={D}/a.bin"},

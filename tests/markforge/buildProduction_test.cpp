@@ -8,6 +8,7 @@
 
 #include "containerFixture.h"
 #include "signAgentPeer.h"
+#include "testKeys.h"
 
 namespace {
 
@@ -41,11 +42,18 @@ protected:
     std::vector<uint8_t> SignRequest(const std::vector<uint8_t>& request, size_t digestLength,
                                      const std::string& digestName)
     {
+        return SignRequestWith(privatePem, request, digestLength, digestName);
+    }
+
+    // The same by the key in `keyPem`.
+    std::vector<uint8_t> SignRequestWith(const std::string& keyPem, const std::vector<uint8_t>& request,
+                                         size_t digestLength, const std::string& digestName)
+    {
         if (request.size() < 32 + digestLength) return {};
         const std::string digest = dir.file("request-digest.bin");
         const std::string signature = dir.file("answer.bin");
         testsupport::WriteFile(digest, std::string(request.begin() + 32, request.begin() + 32 + digestLength));
-        const ProcessResult signedIt = testsupport::Run({"openssl", "pkeyutl", "-sign", "-inkey", privatePem,
+        const ProcessResult signedIt = testsupport::Run({"openssl", "pkeyutl", "-sign", "-inkey", keyPem,
                                                          "-pkeyopt", "digest:" + digestName, "-in", digest, "-out",
                                                          signature});
         return signedIt.status == 0 ? testsupport::ReadBytes(signature) : std::vector<uint8_t>{};
@@ -106,16 +114,74 @@ TEST_F(BuildProductionTest, GoodAnswersGiveAVerifiedContainer)
     EXPECT_EQ(args.substr(0, args.find('\0')), "F=archive;S=64;");
 }
 
-TEST_F(BuildProductionTest, WithoutVerifyKeyItSaysOnceThatTheOutputIsUnverified)
+TEST_F(BuildProductionTest, WithoutVerifyKeyNothingIsAskedOrWritten)
 {
+    // Whatever listens on the port (here: a stand-in with the right key)
+    // is never asked when no public key could check its answers.
     peer.AnswerBy([this](const std::vector<uint8_t>& request) { return SignRequest(request, 32, "sha256"); });
     StartPeer();
     const ProcessResult built = BuildProduction({});
-    ASSERT_EQ(built.status, 0) << built.err;
-    EXPECT_EQ(built.err,
-              "markforge: the output was not self-verified: give --verify-key PUBKEY to check the signing agent's "
-              "signatures\n");
-    EXPECT_EQ(built.out.substr(built.out.rfind("wrote")), "wrote " + out + "\n");
+    EXPECT_EQ(built.status, 2);
+    EXPECT_EQ(built.out, "");
+    EXPECT_EQ(built.err.rfind("markforge: production mode needs --verify-key PUBKEY: any program can answer on "
+                              "127.0.0.1:8001",
+                              0),
+              0u)
+        << built.err;
+    EXPECT_TRUE(peer.Requests().empty());
+    ExpectOutputUntouched();
+}
+
+TEST_F(BuildProductionTest, AnImpostorsSignaturesAreNeverWritten)
+{
+    // A program that took the port while the agent was down signs with a
+    // key of its own: good signatures, but not by the release key.
+    testsupport::TestRsaKey impostor;
+    std::string error;
+    ASSERT_TRUE(testsupport::MakeRsaKey(dir.path(), "impostor", 2048, impostor, error)) << error;
+    peer.AnswerBy([&impostor, this](const std::vector<uint8_t>& request) {
+        return SignRequestWith(impostor.privatePem, request, 32, "sha256");
+    });
+    StartPeer();
+    ExpectSigningFailure(BuildProduction({"--verify-key", publicPem()}),
+                         "markforge: the signature of component boot does not verify under the --verify-key key; "
+                         "nothing was written");
+}
+
+TEST_F(BuildProductionTest, AnAnswerShorterThanTheModulusIsRefused)
+{
+    // The leading byte dropped: openssl's own check refuses such a number.
+    peer.AnswerBy([this](const std::vector<uint8_t>& request) {
+        std::vector<uint8_t> signature = SignRequest(request, 32, "sha256");
+        if (!signature.empty()) signature.erase(signature.begin());
+        return signature;
+    });
+    StartPeer();
+    ExpectSigningFailure(BuildProduction({"--verify-key", publicPem()}),
+                         "markforge: the signing agent at 127.0.0.1:8001 gave 255 bytes for the component boot, "
+                         "where a signature by the key is 256 bytes; nothing was written\n");
+}
+
+TEST_F(BuildProductionTest, AOneByteAnswerIsRefused)
+{
+    peer.AnswerWith({0x01});
+    StartPeer();
+    ExpectSigningFailure(BuildProduction({"--verify-key", publicPem()}),
+                         "markforge: the signing agent at 127.0.0.1:8001 gave 1 byte for the component boot, "
+                         "where a signature by the key is 256 bytes; nothing was written\n");
+}
+
+TEST_F(BuildProductionTest, AnAnswerLongerThanTheModulusIsRefused)
+{
+    peer.AnswerBy([this](const std::vector<uint8_t>& request) {
+        std::vector<uint8_t> signature = SignRequest(request, 32, "sha256");
+        signature.push_back(0);
+        return signature;
+    });
+    StartPeer();
+    ExpectSigningFailure(BuildProduction({"--verify-key", publicPem()}),
+                         "markforge: the signing agent at 127.0.0.1:8001 gave 257 bytes for the component boot, "
+                         "where a signature by the key is 256 bytes; nothing was written\n");
 }
 
 TEST_F(BuildProductionTest, VerboseShowsTheAgentTracesOnStandardErrorOnly)
@@ -169,30 +235,25 @@ TEST_F(BuildProductionTest, AnAgentThatNeverAnswersIsGivenUpAfterTheTimeout)
                          "(--agent-timeout) while signing the component boot");
 }
 
-TEST_F(BuildProductionTest, SignaturesTooLongForTheHeaderAreFoundAfterSigning)
+TEST_F(BuildProductionTest, SignaturesTooLongForTheHeaderAreSigningFailures)
 {
-    // Without --verify-key the signature length is known only from the
-    // answers: seven 512-byte signatures and their records overrun the block.
+    // Seven 512-byte answers and their records overrun the block; they are
+    // not signatures by the 2048-bit --verify-key key in the first place.
     peer.AnswerWith(std::vector<uint8_t>(512, 0x5A));
     StartPeer();
     components.clear();
     for (int i = 0; i < 7; ++i)
         components.push_back("c" + std::to_string(i) + "=" + MakeComponent("c" + std::to_string(i), 10, unsigned(i)));
-    const ProcessResult built = BuildProduction({});
-    EXPECT_EQ(built.status, 2);
-    EXPECT_EQ(built.err.rfind("markforge: the signature and the table of 7 components do not fit in the 4096-byte "
-                              "header block; give fewer components\n",
-                              0),
-              0u)
-        << built.err;
-    ExpectOutputUntouched();
+    ExpectSigningFailure(BuildProduction({"--verify-key", publicPem()}),
+                         "markforge: the signing agent at 127.0.0.1:8001 gave 512 bytes for the component c0, "
+                         "where a signature by the key is 256 bytes; nothing was written");
 }
 
 TEST_F(BuildProductionTest, NoAgentListening)
 {
     std::string error;
     ASSERT_TRUE(peer.ReservePort(error)) << error;
-    ExpectSigningFailure(BuildProduction({}), "Unable to connect to sign_agent");
+    ExpectSigningFailure(BuildProduction({"--verify-key", publicPem()}), "Unable to connect to sign_agent");
 }
 
 }  // namespace

@@ -35,7 +35,11 @@ void CheckInfoSchema(const Json& document, bool withKeyring)
     ASSERT_TRUE(document.is_object());
     std::vector<std::string> keys{"schema", "command", "file", "file_size", "header", "payload", "components"};
     if (withKeyring) keys.push_back("keyring");
+    for (const char* key : {"bytes_before_header", "layout", "table"}) keys.push_back(key);
     EXPECT_EQ(KeysOf(document), keys);
+    EXPECT_TRUE(document["bytes_before_header"].is_number_unsigned());
+    CheckLayoutSchema(document["layout"]);
+    CheckTableSchema(document["table"], false);
     EXPECT_EQ(document["schema"], 1);
     EXPECT_EQ(document["command"], "info");
     EXPECT_TRUE(document["file"].is_string());

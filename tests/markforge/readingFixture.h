@@ -195,12 +195,51 @@ inline void CheckDigestField(const Json& digest, size_t bytes)
     EXPECT_TRUE(digest.is_null() || IsLowerHex(digest, bytes)) << digest;
 }
 
+inline const std::vector<std::string> LAYOUT_KINDS{"gap", "overlap", "out-of-order", "trailing-bytes",
+                                                   "duplicate-name"};
+
+// The "layout" array both documents carry.
+inline void CheckLayoutSchema(const Json& layout)
+{
+    ASSERT_TRUE(layout.is_array());
+    for (const Json& finding : layout) {
+        EXPECT_EQ(KeysOf(finding), (std::vector<std::string>{"kind", "start", "end", "components", "text"}));
+        EXPECT_NE(std::find(LAYOUT_KINDS.begin(), LAYOUT_KINDS.end(), finding["kind"]), LAYOUT_KINDS.end());
+        const bool ranged = finding["kind"] != "duplicate-name";
+        EXPECT_EQ(finding["start"].is_number_unsigned(), ranged);
+        EXPECT_EQ(finding["end"].is_number_unsigned(), ranged);
+        EXPECT_TRUE(finding["components"].is_array());
+        EXPECT_TRUE(finding["text"].is_string());
+    }
+}
+
+// The "table" object both documents carry; verify's has "required" too.
+inline void CheckTableSchema(const Json& table, bool verify)
+{
+    ASSERT_TRUE(table.is_object());
+    std::vector<std::string> keys{"present", "component", "state", "entries", "findings"};
+    if (verify) keys.push_back("required");
+    EXPECT_EQ(KeysOf(table), keys);
+    EXPECT_TRUE(table["present"].is_boolean());
+    EXPECT_EQ(table["component"].is_null(), table["present"] == false);
+    EXPECT_TRUE(table["state"] == "absent" || table["state"] == "ok" || table["state"] == "malformed" ||
+                table["state"] == "mismatch");
+    for (const Json& entry : table["entries"]) {
+        EXPECT_EQ(KeysOf(entry), (std::vector<std::string>{"index", "name", "name_encoding", "offset", "size", "hash",
+                                                            "digest"}));
+        CheckNameSchema(entry);
+    }
+    EXPECT_TRUE(table["findings"].is_array());
+}
+
 // Every field of a verify document, in order and of its type.
 inline void CheckVerifySchema(const Json& document)
 {
     ASSERT_TRUE(document.is_object());
-    EXPECT_EQ(KeysOf(document), (std::vector<std::string>{"schema", "command", "file", "file_size", "key", "header",
-                                                          "components", "archive", "problems"}));
+    EXPECT_EQ(KeysOf(document),
+              (std::vector<std::string>{"schema", "command", "file", "file_size", "key", "header", "components",
+                                        "archive", "problems", "bytes_before_header", "layout", "table",
+                                        "names_signed"}));
     EXPECT_EQ(document["schema"], 1);
     EXPECT_EQ(document["command"], "verify");
     EXPECT_TRUE(document["file"].is_string());
@@ -228,7 +267,13 @@ inline void CheckVerifySchema(const Json& document)
     CheckDigestField(document["archive"]["digest"], digestBytes);
     EXPECT_NE(std::find(VERDICTS.begin(), VERDICTS.end(), document["archive"]["verdict"]), VERDICTS.end());
     if (document["archive"]["verdict"] != "ok") ++problems;
+    CheckLayoutSchema(document["layout"]);
+    CheckTableSchema(document["table"], true);
+    problems += document["layout"].size() + document["table"]["findings"].size();
+    if (document["table"]["required"] == true && document["table"]["present"] == false) ++problems;
     EXPECT_EQ(document["problems"], problems);
+    EXPECT_TRUE(document["bytes_before_header"].is_number_unsigned());
+    EXPECT_TRUE(document["names_signed"].is_boolean());
 }
 
 // Where record `index`'s signature field starts in a block at byte 0 with an

@@ -147,13 +147,20 @@ TEST(Verify, TextOutputNamesEachVerdict)
     const std::string container = Build(dir, parts);
     ProcessResult r = Verify(container, "k", false);
     EXPECT_EQ(r.status, 0);
-    EXPECT_EQ(r.out, "component 0 part0: ok\ncomponent 1 part1: ok\narchive: ok\nverified: every signature is good\n");
+    EXPECT_EQ(r.out, "component 0 part0: ok\ncomponent 1 part1: ok\narchive: ok\n"
+                     "layout: ok: the records cover the " + std::to_string(parts[0].second.size() + parts[1].second.size()) +
+                     " payload bytes exactly\n"
+                     "table: absent: the names and order of this container's components are not signed\n"
+                     "verified: every signature is good\n");
     EXPECT_EQ(r.err, "");
 
     FlipByte(container, BLOCK + 3);
     r = Verify(container, "k", false);
     EXPECT_EQ(r.status, 1);
     EXPECT_EQ(r.out, "component 0 part0: digest-mismatch\ncomponent 1 part1: ok\narchive: digest-mismatch\n"
+                     "layout: ok: the records cover the " + std::to_string(parts[0].second.size() + parts[1].second.size()) +
+                     " payload bytes exactly\n"
+                     "table: absent: the names and order of this container's components are not signed\n"
                      "2 problems found\n");
 }
 

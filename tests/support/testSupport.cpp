@@ -244,7 +244,10 @@ ProcessResult RunMarkforge(const std::vector<std::string>& args)
 {
     std::vector<std::string> argv{MarkforgePath()};
     argv.insert(argv.end(), args.begin(), args.end());
-    return Run(argv);
+    ProcessResult result = Run(argv);
+    // However a run ends, it closes every framework object it opened.
+    EXPECT_EQ(result.err.find("was not closed before going out of scope"), std::string::npos) << result.err;
+    return result;
 }
 
 ProcessResult Openssl(const std::vector<std::string>& args, const std::string* input)
