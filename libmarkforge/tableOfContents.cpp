@@ -145,10 +145,14 @@ bool tableOfContents::Decode(const std::vector<uint8_t>& bytes, std::vector<tabl
     }
     for (uint32_t i = 0; i < count; ++i) {
         tableEntry entry;
-        if (!ReadEntry(in, i, entry, reason)) return false;
+        if (!ReadEntry(in, i, entry, reason)) {
+            entries.clear();
+            return false;
+        }
         entries.push_back(std::move(entry));
     }
     if (!in.AtEnd()) {
+        entries.clear();
         reason = std::to_string(in.Left()) + " bytes follow the last entry";
         return false;
     }

@@ -54,8 +54,8 @@ public:
     static bool StartsWithLabel(const uint8_t* data, size_t length);
 
     static std::vector<uint8_t> Encode(const std::vector<tableEntry>& entries);
-    // Reads `bytes` into `entries`. False, with a one-line reason, unless
-    // they are exactly the canonical encoding of a table.
+    // Reads `bytes` into `entries`. False, with a one-line reason and no
+    // entries, unless they are exactly the canonical encoding of a table.
     static bool Decode(const std::vector<uint8_t>& bytes, std::vector<tableEntry>& entries, std::string& reason);
 };
 

@@ -2,12 +2,17 @@
 // field by field and signed by the openssl tool, an independent signer.
 #include <gtest/gtest.h>
 
+#include <unistd.h>
+
+#include <algorithm>
 #include <cctype>
+#include <cstring>
 
 #include "containerBlock.h"
 #include "containerReader.h"
 #include "containerVerifier.h"
 #include "digestStream.h"
+#include "tableOfContents.h"
 #include "testKeys.h"
 #include "testSupport.h"
 
@@ -133,6 +138,54 @@ TEST_F(ContainerVerifier, ComponentPastTheEndLeavesTheArchiveOutsideToo)
     EXPECT_EQ(result.archive, verdict::outsideFile);
     EXPECT_TRUE(result.archiveDigest.empty());
     EXPECT_EQ(result.Problems(), 2u);
+}
+
+TEST_F(ContainerVerifier, AFileCutShortWhileItIsReadIsAReadFailure)
+{
+    // The reader took the size when it opened the file; the file shrinks
+    // before the components are read.
+    const std::string path = Container({FIRST, SECOND});
+    std::string reason, library;
+    ASSERT_EQ(_reader.Open(path, reason, library), containerReader::failure::none);
+    ASSERT_EQ(truncate(path.c_str(), 4096 + 1000), 0);
+    verifyResult result;
+    EXPECT_FALSE(containerVerifier(_reader.Contents(), _reader.File(), _key).Run(result, reason));
+    EXPECT_EQ(reason, "cannot read " + path + ": the file became shorter");
+}
+
+TEST_F(ContainerVerifier, ATableIsKeptAndHeldAgainstTheDigests)
+{
+    // A table listing FIRST under another name: found, read during the one
+    // pass, and its difference named.
+    std::vector<markforge::tableEntry> entries{
+        {0, "other", 0, uint32_t(FIRST.size()), markforge::digestStream::Of(3, FIRST.data(), FIRST.size())}};
+    const std::vector<uint8_t> table = markforge::tableOfContents::Encode(entries);
+    const std::string path = Container({FIRST, table});
+    Bytes bytes = testsupport::ReadBytes(path);
+    const char* name = markforge::tableOfContents::COMPONENT_NAME;
+    const size_t nameAt = 16 + 256 + 540 + 8;  // record 1's name field
+    std::copy(name, name + std::strlen(name), bytes.begin() + nameAt);
+    testsupport::WriteBytes(path, bytes);
+    const verifyResult result = Verified(path);
+    EXPECT_TRUE(result.table.present);
+    EXPECT_EQ(result.table.record, 1u);
+    EXPECT_EQ(result.table.findings, std::vector<std::string>{"entry 0: name 'other', but component 0 is named 'part0'"});
+    EXPECT_FALSE(result.NamesSigned());
+    EXPECT_EQ(result.Problems(), 1u);
+}
+
+TEST_F(ContainerVerifier, ARequiredTableThatIsAbsentIsOneProblem)
+{
+    std::string reason, library;
+    ASSERT_EQ(_reader.Open(Container({FIRST}), reason, library), containerReader::failure::none);
+    verifyResult result;
+    markforge::verifyPolicy policy;
+    policy.requireTable = true;
+    ASSERT_TRUE(containerVerifier(_reader.Contents(), _reader.File(), _key, policy).Run(result, reason));
+    EXPECT_FALSE(result.table.present);
+    EXPECT_EQ(result.Problems(), 1u);
+    ASSERT_TRUE(containerVerifier(_reader.Contents(), _reader.File(), _key).Run(result, reason));
+    EXPECT_EQ(result.Problems(), 0u);
 }
 
 TEST_F(ContainerVerifier, EmptyTableTakesTheDigestLengthFromTheBlock)

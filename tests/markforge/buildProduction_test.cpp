@@ -3,6 +3,8 @@
 // a hang-up or silence ends with status 5 and the output untouched.
 #include <gtest/gtest.h>
 
+#include <signal.h>
+
 #include <string>
 #include <vector>
 
@@ -193,6 +195,22 @@ TEST_F(BuildProductionTest, VerboseShowsTheAgentTracesOnStandardErrorOnly)
     EXPECT_NE(built.err.find("CCA sign: key:release data:"), std::string::npos) << built.err;
     EXPECT_NE(built.err.find("CCA args: F=boot;S=32;"), std::string::npos) << built.err;
     EXPECT_EQ(built.out.find("CCA"), std::string::npos) << built.out;
+}
+
+TEST_F(BuildProductionTest, AClosedStandardErrorLeavesNoTemporaryFile)
+{
+    // --verbose writes the first trace to standard error before it asks the
+    // agent; a reader that has gone ends the build there by SIGPIPE.
+    StartPeer();
+    std::vector<std::string> args{testsupport::MarkforgePath(), "build", "-o", out, "--key", "release", "--mode",
+                                  "production", "--verify-key", publicPem(), "--verbose"};
+    args.insert(args.end(), components.begin(), components.end());
+    const ProcessResult built = testsupport::RunWithBrokenStderr(args);
+    EXPECT_TRUE(built.signaled);
+    EXPECT_EQ(built.status, 128 + SIGPIPE);
+    ExpectOutputUntouched();
+    const std::vector<std::pair<std::string, std::string>> files = testsupport::FolderSnapshot(dir.path());
+    for (const auto& file : files) EXPECT_NE(file.first[0], '.') << file.first;
 }
 
 TEST_F(BuildProductionTest, AWrongSignatureIsNeverWritten)

@@ -8,6 +8,7 @@
 #include <vector>
 
 #include "containerFixture.h"
+#include "containerWriter.h"
 
 namespace {
 
@@ -194,6 +195,78 @@ TEST_F(BuildTest, SevenComponentsFitAndEightDoNot)
     const ProcessResult seven = BuildDevelopment(out, words);
     ASSERT_EQ(seven.status, 0) << seven.err;
     EXPECT_EQ(ParseContainer(ReadFile(out)).records.size(), 7u);
+}
+
+}  // namespace
+
+namespace {
+
+// --table: the table of contents is the last component, laid out as
+// docs/container-format.md says (the independent writer's copy of that
+// layout is the oracle), signed like any other, and verify requires it.
+struct TableShape {
+    const char* hash;
+    size_t components;
+};
+
+void PrintTo(const TableShape& shape, std::ostream* out)
+{
+    *out << shape.hash << " with " << shape.components << " components";
+}
+
+class BuildTable : public testsupport::ContainerTest, public ::testing::WithParamInterface<TableShape> {};
+
+TEST_P(BuildTable, AddsTheDocumentedTableLast)
+{
+    const TableShape shape = GetParam();
+    testsupport::Parts parts;
+    std::vector<std::string> words;
+    for (size_t i = 0; i < shape.components; ++i) {
+        const std::string name = "part" + std::to_string(i);
+        const std::string path = MakeComponent(name, 700 * i + 13, static_cast<unsigned>(i + 7));
+        parts.push_back({name, testsupport::ReadBytes(path)});
+        words.push_back(name + "=" + path);
+    }
+    const std::string out = dir.file("out.img");
+    std::vector<std::string> extra{"--hash", shape.hash, "--table"};
+    if (shape.components == 0) extra.push_back("--allow-empty");
+    const testsupport::ProcessResult built = BuildDevelopment(out, words, extra);
+    ASSERT_EQ(built.status, 0) << built.err;
+    EXPECT_NE(built.out.find("component .markforge-toc offset "), std::string::npos) << built.out;
+
+    const testsupport::ContainerHeader header = testsupport::ParseContainer(testsupport::ReadFile(out));
+    ASSERT_EQ(header.records.size(), shape.components + 1);
+    EXPECT_EQ(header.records.back().name, ".markforge-toc");
+    const testsupport::ProcessResult extracted =
+        testsupport::RunMarkforge({"extract", out, "--component", ".markforge-toc", "-o", dir.file("toc")});
+    ASSERT_EQ(extracted.status, 0) << extracted.err;
+    const testsupport::ContainerWriter oracle(shape.hash, 1024);
+    EXPECT_EQ(testsupport::ReadBytes(dir.file("toc")), oracle.Table(parts));
+
+    const testsupport::ProcessResult verified =
+        testsupport::RunMarkforge({"verify", out, "--key", publicPem(), "--require-table"});
+    EXPECT_EQ(verified.status, 0) << verified.out << verified.err;
+    EXPECT_NE(verified.out.find("table: ok: component " + std::to_string(shape.components) + " '.markforge-toc'"),
+              std::string::npos)
+        << verified.out;
+    const testsupport::ProcessResult openssl =
+        testsupport::Run({"sh", OPENSSL_CHECK_SCRIPT, out, publicPem()});
+    EXPECT_EQ(openssl.status, 0) << openssl.out << openssl.err;
+}
+
+INSTANTIATE_TEST_SUITE_P(Shapes, BuildTable,
+                         ::testing::Values(TableShape{"sha256", 0}, TableShape{"sha256", 1}, TableShape{"sha384", 2},
+                                           TableShape{"sha512", 3}, TableShape{"sha256", 6}));
+
+TEST_F(BuildTable, SevenComponentsAndTheTableDoNotFitA2048BitSignature)
+{
+    std::vector<std::string> words;
+    for (int i = 0; i < 7; ++i) words.push_back("c" + std::to_string(i) + "=" + MakeComponent("c" + std::to_string(i), 10, 1));
+    const testsupport::ProcessResult built = BuildDevelopment(dir.file("out.img"), words, {"--table"});
+    EXPECT_EQ(built.status, 2);
+    EXPECT_EQ(built.err, "markforge: 8 components (the table of contents included) do not fit in the header block "
+                         "with a 256-byte signature (at most 7)\n");
+    EXPECT_FALSE(testsupport::FileExists(dir.file("out.img")));
 }
 
 }  // namespace

@@ -137,11 +137,20 @@ std::vector<std::string> WithEmulator(const std::vector<std::string>& argv)
     return argv;
 }
 
-ProcessResult Run(const std::vector<std::string>& argv, const std::string* input)
+namespace {
+
+// Starts `argv` and collects what it writes. With `brokenStderr`, its
+// standard error is a pipe nobody reads (the reading end is closed at once)
+// and SIGPIPE has its default action, as at a shell whose reader has gone.
+ProcessResult Spawn(const std::vector<std::string>& argv, const std::string* input, bool brokenStderr)
 {
     int outPipe[2], errPipe[2], inPipe[2] = {-1, -1};
     if (pipe2(outPipe, O_CLOEXEC) || pipe2(errPipe, O_CLOEXEC)) Fail("pipe");
     if (input && pipe2(inPipe, O_CLOEXEC)) Fail("pipe");
+    if (brokenStderr) {
+        close(errPipe[0]);
+        errPipe[0] = -1;
+    }
 
     posix_spawn_file_actions_t actions;
     posix_spawn_file_actions_init(&actions);
@@ -155,7 +164,15 @@ ProcessResult Run(const std::vector<std::string>& argv, const std::string* input
     // A new session: the child has no controlling terminal, as under CI.
     posix_spawnattr_t attributes;
     posix_spawnattr_init(&attributes);
-    posix_spawnattr_setflags(&attributes, POSIX_SPAWN_SETSID);
+    short flags = POSIX_SPAWN_SETSID;
+    sigset_t defaults;
+    sigemptyset(&defaults);
+    if (brokenStderr) {
+        sigaddset(&defaults, SIGPIPE);
+        posix_spawnattr_setsigdefault(&attributes, &defaults);
+        flags |= POSIX_SPAWN_SETSIGDEF;
+    }
+    posix_spawnattr_setflags(&attributes, flags);
 
     const std::vector<std::string> command = WithEmulator(argv);
     std::vector<char*> args = ExecArguments(command);
@@ -176,6 +193,18 @@ ProcessResult Run(const std::vector<std::string>& argv, const std::string* input
     Pump(outPipe[0], errPipe[0], input ? inPipe[1] : -1, input, result);
     WaitForChild(pid, argv, result);
     return result;
+}
+
+}  // namespace
+
+ProcessResult Run(const std::vector<std::string>& argv, const std::string* input)
+{
+    return Spawn(argv, input, false);
+}
+
+ProcessResult RunWithBrokenStderr(const std::vector<std::string>& argv)
+{
+    return Spawn(argv, nullptr, true);
 }
 
 std::string RecasterPath()

@@ -28,11 +28,12 @@ std::vector<std::string> WithEmulator(const std::vector<std::string>& argv);
 // /dev/null, or from `input` when given, and waits for it.
 ProcessResult Run(const std::vector<std::string>& argv, const std::string* input = nullptr);
 
+// Runs `argv` with standard error on a pipe whose reader has gone, and
+// SIGPIPE at its default action: the first write to standard error ends it.
+ProcessResult RunWithBrokenStderr(const std::vector<std::string>& argv);
+
 // Runs the built recaster with these arguments.
 ProcessResult RunRecaster(const std::vector<std::string>& args);
-// Runs the built markforge with these arguments.
-ProcessResult RunMarkforge(const std::vector<std::string>& args);
-
 // Runs the built markforge with these arguments.
 ProcessResult RunMarkforge(const std::vector<std::string>& args);
 
