@@ -1,6 +1,7 @@
 // Start-up, check mode, serving and shutdown.
 #include "agentApp.h"
 
+#include <poll.h>
 #include <pwd.h>
 #include <signal.h>
 #include <sys/signalfd.h>
@@ -20,17 +21,27 @@
 namespace agent {
 namespace {
 
-// SIGTERM and SIGINT arrive through a descriptor the serving loop watches;
-// blocked here, before any thread starts, so every thread inherits the mask.
-int StopSignals()
+sigset_t SignalSet(std::initializer_list<int> signals)
 {
-    sigset_t stop;
-    sigemptyset(&stop);
-    sigaddset(&stop, SIGTERM);
-    sigaddset(&stop, SIGINT);
-    ::pthread_sigmask(SIG_BLOCK, &stop, nullptr);
+    sigset_t set;
+    sigemptyset(&set);
+    for (int signal : signals) sigaddset(&set, signal);
+    return set;
+}
+
+// SIGTERM and SIGINT arrive through a descriptor the serving loops watch,
+// SIGHUP and SIGUSR1 through one the control thread reads; all four are
+// blocked here, before any thread starts, so every thread inherits the mask.
+const sigset_t STOP_SIGNALS = SignalSet({SIGTERM, SIGINT});
+const sigset_t CONTROL_SIGNALS = SignalSet({SIGHUP, SIGUSR1});
+
+int BlockSignals(int& controlFd)
+{
+    const sigset_t all = SignalSet({SIGTERM, SIGINT, SIGHUP, SIGUSR1});
+    ::pthread_sigmask(SIG_BLOCK, &all, nullptr);
     ::signal(SIGPIPE, SIG_IGN);
-    return ::signalfd(-1, &stop, SFD_CLOEXEC);
+    controlFd = ::signalfd(-1, &CONTROL_SIGNALS, SFD_CLOEXEC);
+    return ::signalfd(-1, &STOP_SIGNALS, SFD_CLOEXEC);
 }
 
 bool WritePortFile(const std::string& path, unsigned short port, std::string& error)
@@ -115,6 +126,36 @@ bool AgentApp::ResolveUsers(const std::vector<std::string>& names, std::set<uid_
     return true;
 }
 
+// SIGHUP reopens the audit log (after rotation), SIGUSR1 logs the counts;
+// each is logged. Ends when the stop descriptor becomes readable (it is
+// left unread for the serving loops).
+void AgentApp::Control(int controlFd, int stopFd, const AgentServer& server)
+{
+    for (;;) {
+        pollfd ready[2] = {{controlFd, POLLIN, 0}, {stopFd, POLLIN, 0}};
+        if (::poll(ready, 2, -1) < 0) {
+            if (errno == EINTR) continue;
+            return;
+        }
+        if (ready[1].revents) return;
+        signalfd_siginfo info{};
+        if (::read(controlFd, &info, sizeof info) != sizeof info) continue;
+        if (info.ssi_signo == SIGHUP) {
+            std::string error;
+            const bool reopened = _log.Reopen(error);
+            nlohmann::ordered_json line{{"event", "reopen"}, {"signal", "SIGHUP"}, {"result", reopened ? "reopened" : "kept"}};
+            if (!reopened) line["reason"] = error;
+            _log.Write(line);
+        } else {
+            _log.Write({{"event", "status"},
+                        {"signal", "SIGUSR1"},
+                        {"signed", server.Signed()},
+                        {"refused", server.Refused()},
+                        {"open", server.OpenConnections()}});
+        }
+    }
+}
+
 int AgentApp::Serve(const AgentOptions& options)
 {
     ServerSettings settings;
@@ -123,10 +164,12 @@ int AgentApp::Serve(const AgentOptions& options)
     settings.port = options.port;
     settings.workers = options.workers ? options.workers : std::max(1U, std::thread::hardware_concurrency());
     settings.maxConnections = options.maxConnections;
+    settings.maxConnectionsPerUser = options.maxConnectionsPerUser;
     settings.readTimeout = std::chrono::milliseconds(static_cast<long long>(options.readTimeout * 1000));
 
-    const int stopFd = StopSignals();
-    if (stopFd < 0) return Fail(std::string("signalfd: ") + std::strerror(errno));
+    int controlFd = -1;
+    const int stopFd = BlockSignals(controlFd);
+    if (stopFd < 0 || controlFd < 0) return Fail(std::string("signalfd: ") + std::strerror(errno));
     const KeyPolicy policy(options.allowKeys);
     AgentServer server(settings, _keys, policy, _log);
     if (!server.Listen(error)) return Fail(error);
@@ -142,7 +185,14 @@ int AgentApp::Serve(const AgentOptions& options)
                 {"port", server.Port()},
                 {"keys", _keys.Keys().size()},
                 {"workers", settings.workers}});
-    if (!server.Run(stopFd, error)) return Fail(error);
+    std::thread control([&] { Control(controlFd, stopFd, server); });
+    const bool served = server.Run(stopFd, error);
+    // A pending SIGTERM makes the stop descriptor readable for the control
+    // thread too, when the loops could not even start.
+    if (!served) ::kill(::getpid(), SIGTERM);
+    control.join();
+    ::close(controlFd);
+    if (!served) return Fail(error);
     ::close(stopFd);
     _log.Write({{"event", "stop"}, {"signed", server.Signed()}, {"refused", server.Refused()}});
     return 0;

@@ -1,5 +1,6 @@
 // The agent from start to end: keys, token login, listener, serving until
-// SIGTERM or SIGINT, summary.
+// SIGTERM or SIGINT (SIGHUP reopens the audit log, SIGUSR1 logs the counts),
+// summary.
 #pragma once
 
 #include <memory>
@@ -24,6 +25,7 @@ private:
     bool LoadKeys(const AgentOptions& options, std::string& error);
     int Check() const;
     int Serve(const AgentOptions& options);
+    void Control(int controlFd, int stopFd, const class AgentServer& server);
     static bool ResolveUsers(const std::vector<std::string>& names, std::set<uid_t>& uids, std::string& error);
     static int Fail(const std::string& reason);
 

@@ -28,6 +28,10 @@ int AgentOptions::Parse(int argc, char** argv)
     app.add_option("--max-connections", maxConnections, "Open connections at most")
         ->check(CLI::Range(1, 65536))
         ->capture_default_str();
+    app.add_option("--max-connections-per-user", maxConnectionsPerUser,
+                   "Open connections one user may hold, so that none can starve the others (default: half of "
+                   "--max-connections)")
+        ->check(CLI::Range(1, 65536));
     app.add_option("--read-timeout", readTimeout, "Seconds a client has to send its request")
         ->check(CLI::Range(0.001, 3600.0))
         ->capture_default_str();

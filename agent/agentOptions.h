@@ -17,6 +17,7 @@ struct AgentOptions {
     std::string portFile;
     size_t workers = 0;  // 0: one per core
     size_t maxConnections = 256;
+    size_t maxConnectionsPerUser = 0;  // 0: half of maxConnections
     double readTimeout = 5.0;  // seconds
     std::string auditLog;
     bool check = false;

@@ -17,6 +17,29 @@
 
 namespace agent {
 
+size_t ServerShared::UserShare() const
+{
+    if (settings.maxConnectionsPerUser > 0) return settings.maxConnectionsPerUser;
+    return std::max<size_t>(1, settings.maxConnections / 2);
+}
+
+bool ServerShared::TakeUserSlot(uid_t uid)
+{
+    std::lock_guard<std::mutex> lock(_usersMutex);
+    size_t& held = _perUser[uid];
+    if (held >= UserShare()) return false;
+    ++held;
+    return true;
+}
+
+void ServerShared::ReleaseUserSlot(uid_t uid)
+{
+    std::lock_guard<std::mutex> lock(_usersMutex);
+    const auto found = _perUser.find(uid);
+    if (found == _perUser.end()) return;
+    if (--found->second == 0) _perUser.erase(found);
+}
+
 AgentServer::AgentServer(ServerSettings settings, const KeyStore& keys, const KeyPolicy& policy, AuditLog& log)
     : _shared(std::move(settings), keys, policy, log)
 {
@@ -50,9 +73,10 @@ bool AgentServer::Listen(std::string& error)
     return true;
 }
 
-bool AgentServer::OwnerLookupWorks(std::string& error) const
+bool AgentServer::OwnerLookupWorks(std::string& error)
 {
-    return PeerUid::Works(_shared.listener, _shared.address, error);
+    _shared.ownersKnown = PeerUid::Works(_shared.listener, _shared.address, error);
+    return _shared.ownersKnown;
 }
 
 // Each loop is a thread that does all of a request's work, so no request

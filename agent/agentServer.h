@@ -9,6 +9,8 @@
 #include <atomic>
 #include <chrono>
 #include <cstddef>
+#include <map>
+#include <mutex>
 #include <set>
 #include <string>
 #include <utility>
@@ -22,6 +24,9 @@ struct ServerSettings {
     unsigned short port = 8001;
     size_t workers = 1;
     size_t maxConnections = 256;
+    // Open connections one user may hold, so that no user can starve the
+    // others of the slots; 0: half of maxConnections.
+    size_t maxConnectionsPerUser = 0;
     std::chrono::milliseconds readTimeout{5000};
     std::set<uid_t> allowedUsers;  // empty: every user
 };
@@ -40,9 +45,23 @@ struct ServerShared {
     AuditLog& log;
     int listener = -1;
     sockaddr_in address{};
+    // Whether the kernel names connection owners here at all (checked at
+    // start); where it does, a connection whose owner it cannot name is
+    // refused.
+    bool ownersKnown = true;
     std::atomic<size_t> open{0};
     std::atomic<size_t> signedCount{0};
     std::atomic<size_t> refusedCount{0};
+
+    // The per-user share of the connection slots.
+    size_t UserShare() const;
+    // Takes one of `uid`'s slots; false when it holds its share already.
+    bool TakeUserSlot(uid_t uid);
+    void ReleaseUserSlot(uid_t uid);
+
+private:
+    std::mutex _usersMutex;
+    std::map<uid_t, size_t> _perUser;
 };
 
 class AgentServer {
@@ -56,7 +75,7 @@ public:
     bool Listen(std::string& error);
     // Whether the owner of a connection can be looked up here (see
     // PeerUid::Works); call after Listen, before Run.
-    bool OwnerLookupWorks(std::string& error) const;
+    bool OwnerLookupWorks(std::string& error);
     // The port listened on.
     unsigned short Port() const { return ntohs(_shared.address.sin_port); }
     // Serves until `stopFd` becomes readable (it is never read, so every
@@ -66,6 +85,7 @@ public:
     bool Run(int stopFd, std::string& error);
 
     size_t Signed() const { return _shared.signedCount; }
+    size_t OpenConnections() const { return _shared.open; }
     size_t Refused() const { return _shared.refusedCount; }
 
 private:

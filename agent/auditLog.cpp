@@ -39,6 +39,21 @@ bool AuditLog::Open(const std::string& path, std::string& error)
         return false;
     }
     _file = file;
+    _path = path;
+    return true;
+}
+
+bool AuditLog::Reopen(std::string& error)
+{
+    if (_path.empty()) return true;
+    FILE* file = std::fopen(_path.c_str(), "ae");
+    if (!file) {
+        error = "cannot open the audit log " + _path + ": " + std::strerror(errno);
+        return false;
+    }
+    std::lock_guard<std::mutex> lock(_mutex);
+    std::fclose(_file);
+    _file = file;
     return true;
 }
 

@@ -34,6 +34,10 @@ public:
     // Appends to `path`; empty means standard error. False with the reason
     // in `error` when the file cannot be opened.
     bool Open(const std::string& path, std::string& error);
+    // Opens the file again by its path, for log rotation: lines after this
+    // go to whatever file now has that name. Nothing to do on standard
+    // error. False with the reason in `error`; the old file is kept then.
+    bool Reopen(std::string& error);
     // Writes `line` (a "time" member is put first) and flushes.
     void Write(const nlohmann::ordered_json& line);
 
@@ -42,6 +46,7 @@ public:
 
 private:
     std::mutex _mutex;
+    std::string _path;
     FILE* _file = stderr;
 };
 

@@ -5,6 +5,7 @@
 #include <linux/inet_diag.h>
 #include <linux/netlink.h>
 #include <linux/sock_diag.h>
+#include <netinet/tcp.h>
 #include <poll.h>
 #include <sys/socket.h>
 #include <unistd.h>
@@ -30,7 +31,9 @@ DiagRequest MakeRequest(const sockaddr_in& client, const sockaddr_in& server)
     request.header.nlmsg_flags = NLM_F_REQUEST;
     request.body.sdiag_family = AF_INET;
     request.body.sdiag_protocol = IPPROTO_TCP;
-    request.body.idiag_states = ~0U;
+    // Only a socket some process still holds: one its owner closed (or in
+    // TIME_WAIT) is an orphan that the kernel reports as uid 0.
+    request.body.idiag_states = (1U << TCP_ESTABLISHED) | (1U << TCP_FIN_WAIT1) | (1U << TCP_FIN_WAIT2);
     request.body.id.idiag_sport = client.sin_port;
     request.body.id.idiag_dport = server.sin_port;
     request.body.id.idiag_src[0] = client.sin_addr.s_addr;
@@ -71,12 +74,16 @@ bool ReadReply(int fd, uid_t& uid, std::string& error)
         if (header.nlmsg_type == SOCK_DIAG_BY_FAMILY && header.nlmsg_len >= NLMSG_LENGTH(sizeof(inet_diag_msg))) {
             inet_diag_msg message;
             std::memcpy(&message, payload, sizeof message);
+            if (message.idiag_inode == 0) {
+                error = "the client's socket has no owner any more (closed)";
+                return false;
+            }
             uid = message.idiag_uid;
             return true;
         }
         at += NLMSG_ALIGN(header.nlmsg_len);
     }
-    error = "sock_diag gave no socket";
+    error = "no live client socket (closed, or not a connection from this machine)";
     return false;
 }
 

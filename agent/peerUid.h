@@ -19,7 +19,9 @@ public:
 
     // The uid owning the TCP socket whose local address is `client` and
     // whose remote address is `server` (both as accept/getsockname give
-    // them). False with the reason in `error` when the kernel does not say.
+    // them). False with the reason in `error` when the kernel does not name
+    // a live, connected socket held by a process: a client that has already
+    // closed its end has no owner, and is never taken for root.
     bool Lookup(const sockaddr_in& client, const sockaddr_in& server, uid_t& uid, std::string& error);
 
     // Whether lookups work on this system: connects to `listener` (bound to

@@ -143,9 +143,11 @@ void ServingLoop::AcceptOne()
     connection->start = std::chrono::steady_clock::now();
     connection->deadline = connection->start + _shared.settings.readTimeout;
     connection->record.clientPort = ntohs(client.sin_port);
-    uid_t uid;
-    std::string error;
-    if (_peers.Lookup(client, _shared.address, uid, error)) connection->record.uid = uid;
+    const std::string refusal = Admit(*connection, client);
+    if (!refusal.empty()) {
+        Turn(*connection, refusal);
+        return;
+    }
     // A client writes its request right after connecting, so it has
     // mostly arrived already: such a connection never enters the loop.
     ParseResult parsed;
@@ -156,6 +158,22 @@ void ServingLoop::AcceptOne()
     } else {
         Conclude(std::move(connection), next, std::move(parsed));
     }
+}
+
+std::string ServingLoop::Admit(Connection& connection, const sockaddr_in& client)
+{
+    uid_t uid = 0;
+    std::string error;
+    const bool known = _peers.Lookup(client, _shared.address, uid, error);
+    if (known) connection.record.uid = uid;
+    if (!known && _shared.ownersKnown) return "owner unknown: " + error;
+    const auto& allowed = _shared.settings.allowedUsers;
+    if (!allowed.empty() && (!known || !allowed.count(uid))) return "user not allowed";
+    if (!known) return "";
+    if (!_shared.TakeUserSlot(uid))
+        return "user holds its share of " + std::to_string(_shared.UserShare()) + " connections";
+    connection.holdsUserSlot = true;
+    return "";
 }
 
 std::unique_ptr<ServingLoop::Connection> ServingLoop::Release(int fd)
@@ -206,11 +224,7 @@ ServingLoop::Next ServingLoop::Judge(Connection& connection, bool ended, ParseRe
 
 void ServingLoop::Conclude(std::unique_ptr<Connection> connection, Next next, ParseResult parsed)
 {
-    const auto& allowed = _shared.settings.allowedUsers;
-    const long long uid = connection->record.uid;
-    if (next == Next::Sign && !allowed.empty() && (uid < 0 || !allowed.count(static_cast<uid_t>(uid))))
-        Finish(*connection, "user not allowed");
-    else if (next == Next::Sign)
+    if (next == Next::Sign)
         Serve(*connection, parsed.request);
     else
         Finish(*connection, parsed.reason);
@@ -245,21 +259,35 @@ void ServingLoop::Serve(Connection& connection, const SignRequest& request)
     Finish(connection, reason);
 }
 
-// The line is written before the connection closes, so whoever sees the
-// close can already read why.
-void ServingLoop::Finish(Connection& connection, const std::string& reason)
+// The line is written, and the connection's slots given back, before it
+// closes: whoever sees the close can already read why, and connect again.
+void ServingLoop::Record(Connection& connection, const std::string& reason)
 {
     connection.record.signedIt = reason.empty();
     connection.record.reason = reason;
     connection.record.microseconds = MicrosecondsSince(connection.start);
     ++(reason.empty() ? _shared.signedCount : _shared.refusedCount);
     _shared.log.Write(connection.record.ToJson());
+    if (connection.holdsUserSlot) _shared.ReleaseUserSlot(static_cast<uid_t>(connection.record.uid));
+    connection.holdsUserSlot = false;
+    --_shared.open;
+}
+
+void ServingLoop::Finish(Connection& connection, const std::string& reason)
+{
+    Record(connection, reason);
     // After an answer nothing is left unread: a plain close ends the stream.
     if (reason.empty())
         ::close(connection.fd);
     else
         DrainAndClose(connection.fd);
-    --_shared.open;
+}
+
+// Nothing of a connection refused at the door is read, not even to drain it.
+void ServingLoop::Turn(Connection& connection, const std::string& reason)
+{
+    Record(connection, reason);
+    ::close(connection.fd);
 }
 
 }  // namespace agent

@@ -33,6 +33,7 @@ public:
 private:
     struct Connection {
         int fd = -1;
+        bool holdsUserSlot = false;  // one of its owner's slots is taken
         RequestRecord record;
         std::chrono::steady_clock::time_point start, deadline;
         std::vector<uint8_t> bytes;
@@ -42,6 +43,9 @@ private:
     enum class Next { Wait, Sign, Refuse };
 
     void AcceptOne();
+    // Who owns the connection, asked before a byte of it is read: the
+    // reason to refuse it, or empty when it may be served.
+    std::string Admit(Connection& connection, const sockaddr_in& client);
     void ReadFrom(int fd);
     // Reads what has arrived; true when the client has hung up.
     static bool Receive(Connection& connection);
@@ -52,6 +56,9 @@ private:
     void WatchListener(bool on);
     void Serve(Connection& connection, const SignRequest& request);
     void Finish(Connection& connection, const std::string& reason);
+    // Logs a refusal made before anything was read and closes at once.
+    void Turn(Connection& connection, const std::string& reason);
+    void Record(Connection& connection, const std::string& reason);
     std::unique_ptr<Connection> Release(int fd);
 
     ServerShared& _shared;

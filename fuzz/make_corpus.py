@@ -197,11 +197,35 @@ def container_seeds():
     write("container_fuzz", "not-a-container", b"\xff" * 5000)
 
 
+def table(algorithm, parts):
+    """The table of contents of `parts` laid out back to back (docs/container-format.md)."""
+    out = b"markforge-table\0" + be32(1) + be32(len(parts))
+    offset = 0
+    for index, (name, content) in enumerate(parts):
+        digest = hashlib.new(algorithm, content).digest()
+        out += be32(index) + name.encode().ljust(16, b"\0") + be32(offset) + be32(len(content))
+        out += be32(len(digest)) + digest
+        offset += len(content)
+    return out
+
+
+def table_seeds():
+    parts = [("boot", pattern(300, 1)), ("kernel", pattern(700, 2))]
+    listed = table("sha256", parts)
+    write("container_fuzz", "two-with-table", container("sha256", parts + [(".markforge-toc", listed)]))
+    write("container_fuzz", "table-alone", container("sha384", [(".markforge-toc", table("sha384", []))]))
+    write("table_fuzz", "two-sha256", listed)
+    write("table_fuzz", "one-sha512", table("sha512", parts[:1]))
+    write("table_fuzz", "empty", table("sha256", []))
+    write("table_fuzz", "trailing-byte", listed + b"\0")
+
+
 def main():
     shutil.rmtree(CORPUS, ignore_errors=True)
     with tempfile.TemporaryDirectory() as workdir:
         header_seeds()
         container_seeds()
+        table_seeds()
         der_seeds(workdir)
         hex_seeds()
         key_seeds(workdir)

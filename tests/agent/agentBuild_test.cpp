@@ -80,8 +80,9 @@ TEST_F(AgentBuild, ProductionContainersVerify)
 TEST_F(AgentBuild, AnUnknownKeyIsRefusedAndNothingIsWritten)
 {
     const std::string out = dir.file("container.img");
-    const ProcessResult built = testsupport::RunMarkforge({"build", "-o", out, "--key", "nosuchkey", "--mode",
-                                                           "production", "boot=" + dir.file("boot.bin")});
+    const ProcessResult built =
+        testsupport::RunMarkforge({"build", "-o", out, "--key", "nosuchkey", "--mode", "production", "--verify-key",
+                                   keys->file("release.pem"), "boot=" + dir.file("boot.bin")});
     EXPECT_EQ(built.status, 5);
     EXPECT_NE(built.err.find("Got blank string from sign_agent"), std::string::npos) << built.err;
     EXPECT_FALSE(testsupport::FileExists(out));

@@ -145,10 +145,20 @@ std::vector<nlohmann::json> AgentProcess::Events(const std::string& kind) const
     return events;
 }
 
+void AgentProcess::Signal(int signal) const
+{
+    if (_pid > 0) ::kill(_pid, signal);
+}
+
 bool AgentProcess::WaitForRequests(size_t count) const
 {
+    return WaitForEvents("request", count);
+}
+
+bool AgentProcess::WaitForEvents(const std::string& kind, size_t count) const
+{
     const auto deadline = std::chrono::steady_clock::now() + START_TIMEOUT;
-    while (Events("request").size() < count) {
+    while (Events(kind).size() < count) {
         if (std::chrono::steady_clock::now() > deadline) return false;
         std::this_thread::sleep_for(POLL_STEP);
     }

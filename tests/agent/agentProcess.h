@@ -34,12 +34,17 @@ public:
     // Sends `signal` and waits for the exit; the exit status, or -1 when it
     // had to be killed (or was not running).
     int Stop(int signal = SIGTERM);
+    // Sends `signal` to the running agent, which goes on running.
+    void Signal(int signal) const;
     // The agent's standard error so far.
     std::string Errors() const;
     // The audit lines of this event kind ("request", "stop", ...).
     std::vector<nlohmann::json> Events(const std::string& kind) const;
     // Waits until `count` request lines are logged; false after 20 s.
     bool WaitForRequests(size_t count) const;
+    // Waits until `count` lines of this event kind are logged; false after
+    // 20 s.
+    bool WaitForEvents(const std::string& kind, size_t count) const;
 
 private:
     std::string _folder;

@@ -3,12 +3,16 @@
 // to `nobody` (so these cases need root, as in CI).
 #include <gtest/gtest.h>
 
+#include <poll.h>
 #include <pwd.h>
+#include <signal.h>
 #include <sys/wait.h>
 #include <unistd.h>
 
 #include <chrono>
+#include <memory>
 #include <thread>
+#include <vector>
 
 #include "agentClient.h"
 #include "keyFolderTest.h"
@@ -55,6 +59,65 @@ long AnswerSizeAs(uid_t uid, gid_t gid, unsigned short port, const Bytes& reques
     return size;
 }
 
+// A child running as another user that opens `count` connections to the
+// agent (writing `send` on each and closing it at once when `closeAfter`),
+// says how many it opened, and holds the rest open until it is ended.
+class ConnectionsAs {
+public:
+    ConnectionsAs(uid_t uid, gid_t gid, unsigned short port, size_t count, const Bytes& send = {},
+                  bool closeAfter = false)
+    {
+        int report[2];
+        if (::pipe(report) != 0) return;
+        _child = ::fork();
+        if (_child == 0) {
+            // The test's own connections must not stay open through the
+            // child's copies of them.
+            for (int fd = 3; fd < 1024; ++fd)
+                if (fd != report[1]) ::close(fd);
+            long opened = -1;
+            std::vector<std::unique_ptr<agenttest::AgentConnection>> held;
+            if (::setgid(gid) == 0 && ::setuid(uid) == 0) {
+                for (opened = 0; opened < static_cast<long>(count); ++opened) {
+                    auto connection = std::make_unique<agenttest::AgentConnection>(port);
+                    if (!connection->Connected() || (!send.empty() && !connection->Send(send))) break;
+                    if (closeAfter)
+                        connection->Close();
+                    else
+                        held.push_back(std::move(connection));
+                }
+            }
+            (void)!::write(report[1], &opened, sizeof opened);
+            ::pause();
+            ::_exit(0);
+        }
+        ::close(report[1]);
+        _report = report[0];
+    }
+    ~ConnectionsAs()
+    {
+        if (_child > 0) {
+            ::kill(_child, SIGKILL);
+            ::waitpid(_child, nullptr, 0);
+        }
+        if (_report >= 0) ::close(_report);
+    }
+
+    // How many connections the child opened (-1 when it failed or took more
+    // than 30 s).
+    long Opened()
+    {
+        pollfd ready{_report, POLLIN, 0};
+        long opened = -1;
+        if (::poll(&ready, 1, 30000) == 1 && ::read(_report, &opened, sizeof opened) != sizeof opened) opened = -1;
+        return opened;
+    }
+
+private:
+    pid_t _child = -1;
+    int _report = -1;
+};
+
 class AgentUsers : public agenttest::KeyFolderTest {
 protected:
     void SetUp() override
@@ -68,15 +131,31 @@ protected:
         nobodyGid = entry->pw_gid;
     }
 
-    void StartAgent(const std::vector<std::string>& users)
+    void StartAgent(const std::vector<std::string>& users, const std::vector<std::string>& extra = {})
     {
         std::vector<std::string> args{"--key-dir", Folder()};
+        args.insert(args.end(), extra.begin(), extra.end());
         for (const auto& user : users) args.insert(args.end(), {"--allow-user", user});
         std::string error;
         ASSERT_TRUE(agent.Start(args, error)) << error;
     }
 
     long AsRoot() { return AnswerSizeAs(0, 0, agent.Port(), request); }
+    // Root's answer size and how long it took.
+    long TimedAsRoot(std::chrono::milliseconds& took)
+    {
+        const auto start = std::chrono::steady_clock::now();
+        const long size = AsRoot();
+        took = std::chrono::duration_cast<std::chrono::milliseconds>(std::chrono::steady_clock::now() - start);
+        return size;
+    }
+    size_t RefusalsFor(const std::string& reason) const
+    {
+        size_t count = 0;
+        for (const auto& line : agent.Events("request"))
+            if (line.value("reason", "").rfind(reason, 0) == 0) ++count;
+        return count;
+    }
     long AsNobody() { return AnswerSizeAs(nobodyUid, nobodyGid, agent.Port(), request); }
 
     nlohmann::json LastRequest() const
@@ -118,6 +197,49 @@ TEST_F(AgentUsers, NamedUserIsServedByNameOrNumber)
     StartAgent({std::to_string(nobodyUid), "root"});
     EXPECT_EQ(AsNobody(), 256);
     EXPECT_EQ(AsRoot(), 256);
+}
+
+TEST_F(AgentUsers, AClientThatClosedBeforeItWasAcceptedIsUnknownNotRoot)
+{
+    // One slot, held by a silent allowed client: the other user's request
+    // waits in the queue while that user closes its end. Its socket then
+    // has no owner; the kernel would call such an orphan uid 0.
+    StartAgent({"root"}, {"--max-connections", "1", "--read-timeout", "30"});
+    agenttest::AgentConnection holder(agent.Port());
+    ASSERT_TRUE(holder.Connected());
+    std::this_thread::sleep_for(std::chrono::milliseconds(200));
+    ConnectionsAs orphan(nobodyUid, nobodyGid, agent.Port(), 1, request, true);
+    ASSERT_EQ(orphan.Opened(), 1);
+    holder.Close();
+    ASSERT_TRUE(agent.WaitForRequests(2)) << agent.Errors();
+    const nlohmann::json line = agent.Events("request").back();
+    EXPECT_EQ(line["result"], "refused");
+    EXPECT_TRUE(line["uid"].is_null()) << line;
+    EXPECT_EQ(line["reason"].get<std::string>().rfind("owner unknown: ", 0), 0u) << line;
+    EXPECT_TRUE(line["key"].get<std::string>().empty()) << line;  // nothing of it was read
+    EXPECT_EQ(agent.Events("request").front()["reason"], "closed without a request");
+}
+
+TEST_F(AgentUsers, ADisallowedUserCannotStarveTheOthers)
+{
+    StartAgent({"root"}, {"--max-connections", "16"});
+    ConnectionsAs crowd(nobodyUid, nobodyGid, agent.Port(), 300);
+    ASSERT_EQ(crowd.Opened(), 300);
+    std::chrono::milliseconds took{};
+    EXPECT_EQ(TimedAsRoot(took), 256);
+    EXPECT_LT(took.count(), 1000);
+    EXPECT_GE(RefusalsFor("user not allowed"), 1u);
+}
+
+TEST_F(AgentUsers, AnAllowedUserKeepsToItsShareOfTheSlots)
+{
+    StartAgent({"root", "nobody"}, {"--max-connections", "16", "--max-connections-per-user", "8"});
+    ConnectionsAs crowd(nobodyUid, nobodyGid, agent.Port(), 300);
+    ASSERT_EQ(crowd.Opened(), 300);
+    std::chrono::milliseconds took{};
+    EXPECT_EQ(TimedAsRoot(took), 256);
+    EXPECT_LT(took.count(), 1000);
+    EXPECT_GE(RefusalsFor("user holds its share of 8 connections"), 1u);
 }
 
 // What the start does with the option's words and with the kernel's
