@@ -74,6 +74,17 @@ void containerReport::AddName(nlohmann::ordered_json& object, const std::string&
     object["name_encoding"] = text ? "text" : "hex";
 }
 
+nlohmann::ordered_json containerReport::PlacedEntry(uint32_t index, const std::string& name, uint32_t offset,
+                                                   uint32_t size) const
+{
+    nlohmann::ordered_json entry;
+    entry["index"] = index;
+    AddName(entry, name);
+    entry["offset"] = offset;
+    entry["size"] = size;
+    return entry;
+}
+
 nlohmann::ordered_json containerReport::Preamble(const char* command) const
 {
     nlohmann::ordered_json document;
@@ -167,11 +178,7 @@ nlohmann::ordered_json containerReport::TableField(const tableReport& table) con
     field["state"] = table.State();
     nlohmann::ordered_json entries = nlohmann::ordered_json::array();
     for (const tableEntry& listed : table.entries) {
-        nlohmann::ordered_json entry;
-        entry["index"] = listed.index;
-        AddName(entry, listed.name);
-        entry["offset"] = listed.offset;
-        entry["size"] = listed.size;
+        nlohmann::ordered_json entry = PlacedEntry(listed.index, listed.name, listed.offset, listed.size);
         const char* hash = HashWord(digestStream::IdForLength(listed.digest.size()));
         entry["hash"] = hash ? nlohmann::ordered_json(hash) : nlohmann::ordered_json(nullptr);
         entry["digest"] = Hex(listed.digest);
@@ -221,11 +228,7 @@ nlohmann::ordered_json containerReport::InfoDocument(const keyring* signers, con
     document["payload"] = {{"offset", _contents.payloadOffset}, {"length", _contents.payloadLength}};
     nlohmann::ordered_json components = nlohmann::ordered_json::array();
     for (const componentEntry& component : _contents.components) {
-        nlohmann::ordered_json entry;
-        entry["index"] = component.index;
-        AddName(entry, component.name);
-        entry["offset"] = component.offset;
-        entry["size"] = component.size;
+        nlohmann::ordered_json entry = PlacedEntry(component.index, component.name, component.offset, component.size);
         entry["inside_file"] = component.insideFile;
         entry["signature_length"] = component.signatureLength;
         entry["signature_fingerprint"] = Hex(Sha256Of(component.signature));
@@ -282,11 +285,7 @@ nlohmann::ordered_json containerReport::VerifyDocument(const std::string& keyPat
     nlohmann::ordered_json components = nlohmann::ordered_json::array();
     for (size_t i = 0; i < _contents.components.size(); ++i) {
         const componentEntry& component = _contents.components[i];
-        nlohmann::ordered_json entry;
-        entry["index"] = component.index;
-        AddName(entry, component.name);
-        entry["offset"] = component.offset;
-        entry["size"] = component.size;
+        nlohmann::ordered_json entry = PlacedEntry(component.index, component.name, component.offset, component.size);
         const std::vector<uint8_t>& digest = result.componentDigests[i];
         entry["digest"] = digest.empty() ? nlohmann::ordered_json(nullptr) : nlohmann::ordered_json(Hex(digest));
         entry["verdict"] = VerdictName(result.components[i]);

@@ -46,6 +46,9 @@ private:
     nlohmann::ordered_json Preamble(const char* command) const;
     nlohmann::ordered_json HeaderFields() const;
     void AddName(nlohmann::ordered_json& object, const std::string& name) const;
+    // The fields every listing of a component starts with: index, name,
+    // its encoding, offset and size.
+    nlohmann::ordered_json PlacedEntry(uint32_t index, const std::string& name, uint32_t offset, uint32_t size) const;
     static nlohmann::ordered_json SignerField(const keyring& signers, const std::vector<uint8_t>& signature);
     static std::string SignerText(const keyring& signers, const std::vector<uint8_t>& signature);
     static std::string ShownName(const std::string& name);

@@ -150,19 +150,23 @@ banner "markforge: a development key and a signed container"
 mkdir -p "$OUT/keys"
 run 0 keygen --bits 2048 -o "$OUT/keys/dev.markforge" --public-out "$OUT/dev.pem"
 check "openssl reads the public key" openssl pkey -pubin -in "$OUT/dev.pem" -noout
-run 0 build -o "$OUT/demo.img" --key dev --mode development --key-dir "$OUT/keys" --hash sha384 \
+run 0 build -o "$OUT/demo.img" --key dev --mode development --key-dir "$OUT/keys" --hash sha384 --table \
     readme="$S/payload.txt" key="$S/rsa2048-public.pem"
 show_file "$OUT/demo.img"
 check "openssl alone verifies every signature (docs/examples/verify-with-openssl.sh)" \
     sh docs/examples/verify-with-openssl.sh "$OUT/demo.img" "$OUT/dev.pem"
 run 0 info "$OUT/demo.img" --keyring "$OUT"
-run 0 verify "$OUT/demo.img" --key "$OUT/dev.pem"
+run 0 verify "$OUT/demo.img" --key "$OUT/dev.pem" --require-table
 run 0 extract "$OUT/demo.img" --component readme -o "$OUT/readme.txt"
 same_as "$OUT/readme.txt" "$S/payload.txt"
 banner "a changed byte: verify names the component and the archive"
 cp "$OUT/demo.img" "$OUT/changed.img"
 printf 'X' | dd of="$OUT/changed.img" bs=1 seek=4100 conv=notrunc status=none
 run 1 verify "$OUT/changed.img" --key "$OUT/dev.pem"
+banner "bytes appended: every signature still holds, but no record covers them"
+cp "$OUT/demo.img" "$OUT/appended.img"
+printf 'not signed' >>"$OUT/appended.img"
+run 1 verify "$OUT/appended.img" --key "$OUT/dev.pem"
 rm -f "$OUT/.stdout" "$OUT/.stderr"
 banner "demo done"
 echo "  $STEPS runs of recaster and markforge; outputs in $OUT/"

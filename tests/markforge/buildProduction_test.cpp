@@ -5,6 +5,7 @@
 
 #include <signal.h>
 
+#include <functional>
 #include <string>
 #include <vector>
 
@@ -70,6 +71,26 @@ protected:
     }
 
     void ExpectOutputUntouched() { EXPECT_EQ(ReadFile(out), "the previous container"); }
+
+    // The stand-in answers with good signatures that `edit` then changes.
+    void AnswerSignaturesEdited(const std::function<void(std::vector<uint8_t>&)>& edit)
+    {
+        peer.AnswerBy([this, edit](const std::vector<uint8_t>& request) {
+            std::vector<uint8_t> signature = SignRequest(request, 32, "sha256");
+            if (!signature.empty()) edit(signature);
+            return signature;
+        });
+        StartPeer();
+    }
+
+    // The first answer, of `length`, is refused for its length alone.
+    void ExpectAnswerLengthRefused(const std::string& length)
+    {
+        ExpectSigningFailure(BuildProduction({"--verify-key", publicPem()}),
+                             "markforge: the signing agent at 127.0.0.1:8001 gave " + length +
+                                 " for the component boot, where a signature by the key is 256 bytes; nothing was "
+                                 "written\n");
+    }
 
     // The build failed with status 5, said `message` on standard error, and
     // left the output as it was.
@@ -153,37 +174,21 @@ TEST_F(BuildProductionTest, AnImpostorsSignaturesAreNeverWritten)
 TEST_F(BuildProductionTest, AnAnswerShorterThanTheModulusIsRefused)
 {
     // The leading byte dropped: openssl's own check refuses such a number.
-    peer.AnswerBy([this](const std::vector<uint8_t>& request) {
-        std::vector<uint8_t> signature = SignRequest(request, 32, "sha256");
-        if (!signature.empty()) signature.erase(signature.begin());
-        return signature;
-    });
-    StartPeer();
-    ExpectSigningFailure(BuildProduction({"--verify-key", publicPem()}),
-                         "markforge: the signing agent at 127.0.0.1:8001 gave 255 bytes for the component boot, "
-                         "where a signature by the key is 256 bytes; nothing was written\n");
+    AnswerSignaturesEdited([](std::vector<uint8_t>& signature) { signature.erase(signature.begin()); });
+    ExpectAnswerLengthRefused("255 bytes");
 }
 
 TEST_F(BuildProductionTest, AOneByteAnswerIsRefused)
 {
     peer.AnswerWith({0x01});
     StartPeer();
-    ExpectSigningFailure(BuildProduction({"--verify-key", publicPem()}),
-                         "markforge: the signing agent at 127.0.0.1:8001 gave 1 byte for the component boot, "
-                         "where a signature by the key is 256 bytes; nothing was written\n");
+    ExpectAnswerLengthRefused("1 byte");
 }
 
 TEST_F(BuildProductionTest, AnAnswerLongerThanTheModulusIsRefused)
 {
-    peer.AnswerBy([this](const std::vector<uint8_t>& request) {
-        std::vector<uint8_t> signature = SignRequest(request, 32, "sha256");
-        signature.push_back(0);
-        return signature;
-    });
-    StartPeer();
-    ExpectSigningFailure(BuildProduction({"--verify-key", publicPem()}),
-                         "markforge: the signing agent at 127.0.0.1:8001 gave 257 bytes for the component boot, "
-                         "where a signature by the key is 256 bytes; nothing was written\n");
+    AnswerSignaturesEdited([](std::vector<uint8_t>& signature) { signature.push_back(0); });
+    ExpectAnswerLengthRefused("257 bytes");
 }
 
 TEST_F(BuildProductionTest, VerboseShowsTheAgentTracesOnStandardErrorOnly)

@@ -112,6 +112,12 @@ TEST_F(ForgedContainer, BytesAfterTheLastComponent)
         << text.out;
     EXPECT_EQ(text.err, "markforge: " + path + ": 1 layout problem\n");
 
+    // The openssl-only check of docs/examples finds it too.
+    const ProcessResult script = testsupport::Run({"sh", OPENSSL_CHECK_SCRIPT, path, key});
+    EXPECT_EQ(script.status, 1);
+    EXPECT_EQ(script.out, "component kernel: ok\ncomponent rootfs: ok\n"
+                          "layout: the payload is 4177 bytes, the records cover 4100: FAILED\narchive: FAILED\n");
+
     // extract --payload hands out only what the records cover.
     const ProcessResult extracted = RunMarkforge({"extract", path, "--payload", "-o", dir.file("payload")});
     ASSERT_EQ(extracted.status, 0) << extracted.err;
@@ -130,6 +136,11 @@ TEST_F(ForgedContainer, AGapBetweenTwoComponents)
     EXPECT_EQ(Signatures(document), Repeat("ok", 3));
     ASSERT_EQ(document["layout"].size(), 1u);
     ExpectFinding(document, "gap", 1500, 1540, {0, 1});
+    const ProcessResult script = testsupport::Run({"sh", OPENSSL_CHECK_SCRIPT, path, key});
+    EXPECT_EQ(script.status, 1);
+    EXPECT_NE(script.out.find("layout: component rootfs at payload offset 1540, not 1500: FAILED\n"),
+              std::string::npos)
+        << script.out;
     EXPECT_EQ(RunMarkforge({"extract", path, "--payload", "-o", dir.file("payload")}).status, 3);
     EXPECT_FALSE(testsupport::FileExists(dir.file("payload")));
 }
