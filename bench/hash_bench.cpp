@@ -17,6 +17,7 @@
 #include <vector>
 
 #include "hash.h"
+#include "lbScoped.h"
 #include "lbGlobal.h"
 #include "lbHashId.h"
 
@@ -41,7 +42,7 @@ Digest HashFile(const std::string& path, uint32_t hashId)
     std::ifstream in;
     in.rdbuf()->pubsetbuf(readAhead.data(), static_cast<std::streamsize>(readAhead.size()));
     in.open(path, std::ios::binary);
-    if (hash.PreOpen(__FILE__, __LINE__, nullptr) && hash.Open() && hash.PostOpen(__LINE__)) {
+    if (lbScoped::Open(hash, __FILE__, __LINE__, [&] { return hash.Open(); })) {
         const bool generated = hashId == lbHashId::SHA512 ? hash.Generate_SHA512(in) : hash.Generate(in);
         digest.ok = generated && hash.GetHashString(digest.text) && hash.GetHashedSize(digest.size);
         hash.PreClose();

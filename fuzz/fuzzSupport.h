@@ -14,6 +14,7 @@
 
 #include "lbBase.h"
 #include "lbGlobal.h"
+#include "lbScoped.h"
 
 namespace fuzzsupport {
 
@@ -51,17 +52,14 @@ inline void SilenceStdout()
 // false when one fails.
 inline bool OpenObject(lbBase& object)
 {
-    return object.PreOpen(__FILE__, __LINE__, nullptr) && object.Open() && object.PostOpen(__LINE__);
+    return lbScoped::Open(object, __FILE__, __LINE__, [&] { return object.Open(); });
 }
 
 // The three closing steps, whatever the state, so the destructor finds the
 // object closed.
 inline void CloseObject(lbBase& object)
 {
-    if (object.IsOpen() && object.PreClose()) {
-        object.Close();
-        object.PostClose();
-    }
+    lbScoped::Close(object);
 }
 
 }  // namespace fuzzsupport

@@ -221,10 +221,33 @@ bool archive::AddComponent(const string& name, const string& path)
     // would be cut and so could never verify.
     if (signature.buffer.size() > CompBlock::SIGNATURE_FIELD_SIZE)
         LB_FAIL("Component signature is longer than the 512 bytes of its record");
+    AppendRecord(name, size, signature);
+    LB_CLOSE(signature);
+    return true;
+}
 
+bool archive::AddSignedComponent(const string& name, uint32_t size, const lbBytes& signature)
+{
+    LB_FUNCTION("bool markforge::archive::AddSignedComponent(const string&, uint32_t, const lbBytes&)");
+    LB_CONTINUE_CHECK();
+    if (name.size() > MAX_COMPONENT_NAME) LB_FAIL("Component name is excessive");
+    if (signature.buffer.size() > CompBlock::SIGNATURE_FIELD_SIZE)
+        LB_FAIL("Component signature is longer than the 512 bytes of its record");
+    AppendRecord(name, size, signature);
+    return true;
+}
+
+void archive::AppendRecord(const string& name, uint32_t size, const lbBytes& signature)
+{
     CompBlockList.push_back(MakeRecord(name, size, _nextOffset, signature.buffer));
     _nextOffset += size;
-    LB_CLOSE(signature);
+}
+
+bool archive::SetArchiveSignature(const lbBytes& signature)
+{
+    LB_FUNCTION("bool markforge::archive::SetArchiveSignature(const lbBytes&)");
+    LB_CONTINUE_CHECK();
+    _signature.buffer = signature.buffer;
     return true;
 }
 

@@ -40,6 +40,14 @@ public:
     // Makes the archive signature.
     bool FinishAddComponentsFromCmdline();
 
+    // For a builder that reads, hashes and signs components itself: appends
+    // the record AddComponent appends for a component of `size` bytes with
+    // this signature (the same checks of name and signature length).
+    bool AddSignedComponent(const string& name, uint32_t size, const lbBytes& signature);
+    // The archive signature made elsewhere, where
+    // FinishAddComponentsFromCmdline would make it.
+    bool SetArchiveSignature(const lbBytes& signature);
+
     bool GetComponentsData(lbBytes& out);
     bool GetSignature(uint8_t inId, lbBytes& out);
     bool GetOffsetById(uint8_t inId, uint32_t& offset);
@@ -56,6 +64,9 @@ public:
     string mode;
 
 private:
+    // Steps 8 and 9 of adding a component: the record, and the next offset.
+    void AppendRecord(const string& name, uint32_t size, const lbBytes& signature);
+
     uint32_t _nextOffset;
     uint32_t _secondCounter;  // carried along on copies; nothing reads it
     uint32_t _hashIdentifier;

@@ -10,31 +10,9 @@
 #include "header.h"
 #include "lbBytes.h"
 #include "lbGlobal.h"
+#include "lbScoped.h"
 
 namespace markforge {
-namespace {
-
-// The messages the library put on the trail since entry `from`, one a line.
-std::string TrailMessagesSince(size_t from)
-{
-    std::string text;
-    for (size_t i = from; i < lbGlobal.trail.size(); ++i)
-        if (lbGlobal.trail[i].kind == lbTrailEntry::Kind::Message) text += lbGlobal.trail[i].text + "\n";
-    return text;
-}
-
-// Closes `block` whatever state a failed load left it in.
-void CloseHeader(header& block)
-{
-    if (block.IsOpen() && block.PreClose()) {
-        block.Close();
-        block.PostClose();
-    }
-}
-
-
-}  // namespace
-
 uint32_t containerContents::DigestHashId() const
 {
     return hashId ? hashId : digestStream::KeptId(0);
@@ -66,14 +44,14 @@ bool containerReader::LoadHeader(const std::string& path, std::string& libraryTe
 {
     const size_t trailStart = lbGlobal.trail.size();
     header block;
+    const lbScoped closed(block);
     std::ifstream in;
     // The hash choice only tells the loaded archive SHA-384 from SHA-512;
     // the readers take the digest from the digest-length word instead.
-    const bool loaded = block.PreOpen(__FILE__, __LINE__, nullptr) && block.Open() && block.PostOpen(__LINE__) &&
+    const bool loaded = lbScoped::Open(block, __FILE__, __LINE__, [&] { return block.Open(); }) &&
                         block.CreateFromFilePath(path, in, 0);
     if (!loaded) {
-        libraryText = TrailMessagesSince(trailStart);
-        CloseHeader(block);
+        libraryText = lbGlobal.MessagesSince(trailStart);
         return false;
     }
     _contents.headerOffset = block.HeaderOffset();
@@ -97,7 +75,6 @@ bool containerReader::LoadHeader(const std::string& path, std::string& libraryTe
         entry.signature = signature.buffer;
         _contents.components.push_back(entry);
     }
-    CloseHeader(block);
     return true;
 }
 

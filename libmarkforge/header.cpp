@@ -3,6 +3,7 @@
 
 #include <algorithm>
 #include <iostream>
+#include <sstream>
 #include <stdexcept>
 #include <vector>
 
@@ -84,18 +85,18 @@ std::vector<uint8_t> Padding(uint64_t used)
     return std::vector<uint8_t>(HEADER_VARIABLE_SPACE - used, 0xFF);
 }
 
-void WriteBytes(std::ofstream& out, const uint8_t* data, size_t size)
+void WriteBytes(std::ostream& out, const uint8_t* data, size_t size)
 {
     out.write(reinterpret_cast<const char*>(data), static_cast<std::streamsize>(size));
 }
 
 // Writes a word whose bytes are already in file order in memory.
-void WriteAsStored(std::ofstream& out, const uint32_t& word)
+void WriteAsStored(std::ostream& out, const uint32_t& word)
 {
     WriteBytes(out, reinterpret_cast<const uint8_t*>(&word), sizeof word);
 }
 
-void WriteBigEndian(std::ofstream& out, uint32_t value)
+void WriteBigEndian(std::ostream& out, uint32_t value)
 {
     uint8_t bytes[4];
     store_be32(bytes, value);
@@ -263,6 +264,25 @@ bool header::WriteOutput(const string& path)
     LB_CONTINUE_CHECK();
     std::ofstream out(path, std::ios::binary | std::ios::trunc);
     if (out.fail()) return false;
+    const bool written = WriteBlock(out, lbFunction);
+    out.close();  // a failed close only marks the stream bad
+    return written;
+}
+
+bool header::WriteOutput(std::vector<uint8_t>& block)
+{
+    LB_FUNCTION("bool markforge::header::WriteOutput(std::vector<uint8_t>&)");
+    LB_CONTINUE_CHECK();
+    std::ostringstream out;
+    if (!WriteBlock(out, lbFunction)) return false;
+    const std::string bytes = out.str();
+    block.assign(bytes.begin(), bytes.end());
+    return true;
+}
+
+// The steps of writing the block, under the trail name of the caller.
+bool header::WriteBlock(std::ostream& out, const char* lbFunction)
+{
     const std::vector<uint8_t> padding = Padding(uint64_t(_signature_size) + _archive_size);
 
     lbBytes components;
@@ -278,7 +298,6 @@ bool header::WriteOutput(const string& path)
     WriteBigEndian(out, _digest_length);
     WriteBytes(out, padding.data(), padding.size());
     WriteAsStored(out, _canary2);
-    out.close();  // a failed close only marks the stream bad
 
     LB_CLOSE(components);
     return true;

@@ -5,6 +5,7 @@
 #include <cstdint>
 #include <fstream>
 #include <string>
+#include <vector>
 
 #include "archive.h"
 #include "lbBase.h"
@@ -50,6 +51,9 @@ public:
     bool GetChecksumById(uint8_t id, std::string& text);
     // Writes the 4096-byte block to `path`.
     bool WriteOutput(const string& path);
+    // The same block into `block` instead of a file, for a builder that
+    // places it in an output of its own.
+    bool WriteOutput(std::vector<uint8_t>& block);
 
     // Read-only views for callers and tests.
     uint32_t HeaderOffset() const { return _header_offset; }
@@ -61,6 +65,8 @@ public:
     const archive& Archive() const { return _archive; }
 
 private:
+    bool WriteBlock(std::ostream& out, const char* lbFunction);
+
     uint32_t _canary1;
     uint32_t _version;
     uint32_t _signature_size;

@@ -20,21 +20,11 @@
 #include "lbRsa.h"
 #include "lbSteps.h"
 #include "markforgeVersion.h"
+#include "signAgentProtocol.h"
 
 namespace markforge {
 namespace {
 
-// The signing agent's request: key field, digest area, argument field, each
-// zero-padded. A 32-byte digest gets a 32-byte area, any other a 64-byte one.
-constexpr size_t KEY_FIELD_SIZE = 32;
-constexpr size_t KEY_FIELD_BOUND = 31;  // bytes written, terminator included
-constexpr size_t MAX_KEY_NAME = 31;
-constexpr size_t MAX_DIGEST = 64;
-constexpr size_t SHORT_DIGEST = 32;
-constexpr size_t ARG_FIELD_SIZE = 64;
-constexpr size_t ARG_FIELD_BOUND = 63;  // bytes written, terminator included
-constexpr size_t MAX_ANSWER = 1024;
-constexpr const char* SIGN_AGENT_ADDRESS = "127.0.0.1";
 constexpr size_t DEFAULT_LINE_WIDTH = 128;
 
 bool IsChecksumLength(size_t length)
@@ -68,35 +58,6 @@ void PrintHexLines(std::ostream& out, const std::vector<uint8_t>& bytes)
     const lockbase::hexString hex(bytes);
     const size_t width = hex.lineWidth ? hex.lineWidth : DEFAULT_LINE_WIDTH;
     for (size_t at = 0; at < hex.text.size(); at += width) out << hex.text.substr(at, width) << '\n';
-}
-
-// Copies `text` as a C string into `field`, writing at most `bound` bytes
-// including the terminator; the rest of the field keeps its zeros.
-void CopyBounded(uint8_t* field, const string& text, size_t bound)
-{
-    const size_t length = std::min(std::strlen(text.c_str()), bound - 1);
-    std::memcpy(field, text.c_str(), length);
-    field[length] = 0;
-}
-
-string ArgumentText(const string& fieldF, int fieldC, size_t digestLength, const string& extraArgs)
-{
-    string text;
-    if (!fieldF.empty()) text += "F=" + fieldF + ";";
-    if (fieldC != 0) text += "C=1;";
-    text += "S=" + std::to_string(digestLength) + ";";
-    if (!extraArgs.empty()) text += extraArgs;
-    return text;
-}
-
-std::vector<uint8_t> AgentRequest(const string& keyName, const std::vector<uint8_t>& digest, const string& args)
-{
-    const size_t digestArea = digest.size() == SHORT_DIGEST ? SHORT_DIGEST : MAX_DIGEST;
-    std::vector<uint8_t> request(KEY_FIELD_SIZE + digestArea + ARG_FIELD_SIZE, 0);
-    CopyBounded(request.data(), keyName, KEY_FIELD_BOUND);
-    std::copy(digest.begin(), digest.end(), request.begin() + KEY_FIELD_SIZE);
-    CopyBounded(request.data() + KEY_FIELD_SIZE + digestArea, args, ARG_FIELD_BOUND);
-    return request;
 }
 
 // Closes the agent connection on every way out of sign_hsm.
@@ -226,16 +187,16 @@ bool sign::SignInternal(const lbBytes& digest, lbRsa& key)
 int sign::sign_hsm(const lbBytes& digest, const string& keyName, const string& fieldF, int fieldC,
                    const string& extraArgs)
 {
-    if (keyName.size() > MAX_KEY_NAME) {
+    if (keyName.size() > signagent::MAX_KEY_NAME) {
         Complain("sign_hsm: keyname is too long");
         return -1;
     }
-    if (digest.buffer.size() > MAX_DIGEST) {
+    if (digest.buffer.size() > signagent::MAX_DIGEST) {
         Complain("sign_hsm: digest is too long");
         return -1;
     }
-    const string args = ArgumentText(fieldF, fieldC, digest.buffer.size(), extraArgs);
-    const std::vector<uint8_t> request = AgentRequest(keyName, digest.buffer, args);
+    const string args = signagent::ArgumentText(fieldF, fieldC, digest.buffer.size(), extraArgs);
+    const std::vector<uint8_t> request = signagent::Request(keyName, digest.buffer, args);
 
     // The trace shows the key name and the argument text whole, even where
     // the request's fields cut them.
@@ -255,7 +216,7 @@ int sign::sign_hsm(const lbBytes& digest, const string& keyName, const string& f
     // A short send is reported but the answer is still awaited.
     if (!agent.SendAll(request)) Complain("Unable to send to sign_agent");
 
-    uint8_t answer[MAX_ANSWER];
+    uint8_t answer[signagent::MAX_ANSWER];
     const ssize_t got = agent.ReadOnce(answer, sizeof answer);
     if (got < 0) {
         Complain("Failed to read from sign_agent");

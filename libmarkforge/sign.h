@@ -6,15 +6,13 @@
 
 #include "lbBase.h"
 #include "lbBytes.h"
+#include "signAgentProtocol.h"
 
 class lbRsa;
 
 namespace markforge {
 
 using std::string;
-
-// The signing agent listens on 127.0.0.1 at this port.
-static constexpr unsigned short SIGN_AGENT_PORT = 8001;
 
 class sign : public lbBase {
 public:

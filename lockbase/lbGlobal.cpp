@@ -17,3 +17,11 @@ void lbGlobals::Reset()
     errorFlag = false;
     trail.clear();
 }
+
+std::string lbGlobals::MessagesSince(size_t from) const
+{
+    std::string text;
+    for (size_t i = from; i < trail.size(); ++i)
+        if (trail[i].kind == lbTrailEntry::Kind::Message) text += trail[i].text + "\n";
+    return text;
+}

@@ -32,6 +32,10 @@ public:
     // Clears the flag and the trail. Test harnesses only: a program never
     // forgets a failure.
     void Reset();
+
+    // The message entries recorded since entry `from`, one a line, for a
+    // program that tells a failure in its own words and then shows them.
+    std::string MessagesSince(size_t from) const;
 };
 
 extern lbGlobals lbGlobal;

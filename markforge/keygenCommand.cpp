@@ -10,6 +10,7 @@
 #include "exitStatus.h"
 #include "keyGenerator.h"
 #include "lbRsa.h"
+#include "lbScoped.h"
 #include "outputFile.h"
 
 namespace markforge {
@@ -48,14 +49,6 @@ bool WriteAll(int fd, const std::string& text)
     return true;
 }
 
-void CloseKey(lbRsa& key)
-{
-    if (!key.IsOpen()) return;
-    key.PreClose();
-    key.Close();
-    key.PostClose();
-}
-
 }  // namespace
 
 void keygenCommand::Run()
@@ -75,10 +68,10 @@ void keygenCommand::Run()
     if (!keyGenerator::Generate(_options.bits, texts, half, reason)) Fail(exitStatus::signingFailed, reason);
 
     lbRsa key;
-    const bool made = key.PreOpen(__FILE__, __LINE__, nullptr) && key.Open() && key.PostOpen(__LINE__) &&
+    const bool made = lbScoped::Open(key, __FILE__, __LINE__, [&] { return key.Open(); }) &&
                       key.MakeKeyFromExps(texts.n, texts.e, texts.p, texts.q, texts.d);
     WipeTexts(texts);
-    if (!made) CloseKey(key);
+    if (!made) lbScoped::Close(key);
     if (!made) Fail(exitStatus::signingFailed, "the new key could not be taken into a key object");
     WritePrivateKey(key, privateFile);
 
@@ -106,7 +99,7 @@ void keygenCommand::WritePrivateKey(lbRsa& key, outputFile& file) const
     // lbRsa writes by path; the temporary file is rewritten in place, and
     // lbRsa keeps a private key's file at mode 0600.
     const bool written = key.WriteKeyToDisk(file.TempPath());
-    CloseKey(key);
+    lbScoped::Close(key);
     if (!written) Fail(exitStatus::fileSystem, "cannot write the key file " + _options.output);
 }
 

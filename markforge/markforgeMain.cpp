@@ -10,6 +10,7 @@
 #include "infoCommand.h"
 #include "keygenCommand.h"
 #include "lbGlobal.h"
+#include "lbScoped.h"
 #include "lbVersions.h"
 #include "markforgeVersion.h"
 #include "outputFile.h"
@@ -143,10 +144,7 @@ bool Main::OpenCrypto()
 
 void Main::CloseCrypto()
 {
-    if (!_api.IsOpen()) return;
-    _api.PreClose();
-    _api.Close();
-    _api.PostClose();
+    lbScoped::Close(_api);
 }
 
 bool Main::Run(int argc, char** argv)

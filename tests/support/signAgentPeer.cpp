@@ -13,11 +13,14 @@
 #include <chrono>
 #include <cstddef>
 #include <cstring>
+#include <string>
+
+#include "signAgentProtocol.h"
 
 namespace testsupport {
 namespace {
 
-constexpr unsigned short AGENT_PORT = 8001;
+constexpr unsigned short AGENT_PORT = markforge::SIGN_AGENT_PORT;
 constexpr int ACCEPT_POLL_MS = 50;
 constexpr int FIRST_BYTE_TIMEOUT_MS = 5000;
 // A request is written in one piece; once bytes stop arriving for this long
@@ -103,6 +106,18 @@ void SendAll(int fd, const std::vector<uint8_t>& bytes)
         if (sent <= 0) return;
         done += static_cast<size_t>(sent);
     }
+}
+
+// A whole request as the protocol lays it out: 160 bytes, or 128 whose
+// argument field says the digest is 32 bytes. Anything else is read until
+// the client goes quiet.
+bool LooksWhole(const std::vector<uint8_t>& request)
+{
+    using namespace markforge::signagent;
+    if (request.size() == LONG_REQUEST) return true;
+    if (request.size() != SHORT_REQUEST) return false;
+    const char* arguments = reinterpret_cast<const char*>(request.data() + KEY_FIELD_SIZE + SHORT_DIGEST_AREA);
+    return std::string(arguments, strnlen(arguments, ARG_FIELD_SIZE)).find("S=32;") != std::string::npos;
 }
 
 }  // namespace
@@ -237,7 +252,7 @@ std::vector<uint8_t> SignAgentPeer::ReadRequest(int connection)
     std::vector<uint8_t> request;
     uint8_t chunk[4096];
     int timeout = FIRST_BYTE_TIMEOUT_MS;
-    while (request.size() < MAX_RECORDED && WaitReadable(connection, timeout)) {
+    while (request.size() < MAX_RECORDED && !LooksWhole(request) && WaitReadable(connection, timeout)) {
         const ssize_t got = ::recv(connection, chunk, sizeof chunk, 0);
         if (got < 0 && errno == EINTR) continue;
         if (got <= 0) break;
