@@ -1,5 +1,5 @@
-// markforge::buildCommand: checks, plug-in and key, the library's building
-// sequence beside the payload copy, self-verification, and the rename.
+// markforge::buildCommand: checks, plug-in and key, the build engine,
+// self-verification, and the rename.
 #include "buildCommand.h"
 
 #include <fcntl.h>
@@ -8,55 +8,33 @@
 
 #include <cerrno>
 #include <cstring>
+#include <iostream>
 #include <set>
 #include <sstream>
 
-#include "agentTimer.h"
-#include "containerBuilder.h"
+#include "agentSigner.h"
 #include "containerLayout.h"
-#include "digestStream.h"
 #include "exitStatus.h"
-#include "lbGlobal.h"
-#include "libraryConsole.h"
-#include "payloadCopier.h"
+#include "keyFileSigner.h"
 #include "programPaths.h"
 #include "selfVerifier.h"
+#include "signAgentProtocol.h"
 #include "tableOfContents.h"
+#include "writeAll.h"
 
 namespace markforge {
 namespace {
 
-// What the library's signer can carry of a key name to the agent.
-constexpr size_t MAX_AGENT_KEY_NAME = 30;
+// What the agent's request carries of a key name: its field's bound, less
+// the terminator.
+constexpr size_t MAX_AGENT_KEY_NAME = signagent::KEY_FIELD_BOUND - 1;
 // A record's size and offset words are 32 bits wide.
 constexpr uint64_t MAX_PAYLOAD = 0xFFFFFFFFull;
-// Trace lines that open and close one exchange with the signing agent.
-constexpr const char* AGENT_REQUEST_TRACE = "CCA args: ";
-constexpr const char* AGENT_ANSWER_TRACE = "CCA sign: signature :";
-constexpr const char* AGENT_ADDRESS = "127.0.0.1:8001";
+const std::string AGENT_ADDRESS = std::string(SIGN_AGENT_ADDRESS) + ":" + std::to_string(SIGN_AGENT_PORT);
 
 [[noreturn]] void Fail(exitStatus status, const std::string& message)
 {
     throw commandFailure(status, message);
-}
-
-bool StartsWith(const std::string& text, const char* prefix)
-{
-    return text.compare(0, std::strlen(prefix), prefix) == 0;
-}
-
-bool TrailMentions(const char* message)
-{
-    for (const lbTrailEntry& entry : lbGlobal.trail)
-        if (entry.kind == lbTrailEntry::Kind::Message && entry.text == message) return true;
-    return false;
-}
-
-std::string SecondsText(double seconds)
-{
-    std::ostringstream text;
-    text << seconds;
-    return text.str();
 }
 
 bool SameFile(const struct stat& a, const struct stat& b)
@@ -68,20 +46,6 @@ bool IsFolder(const std::string& path)
 {
     struct stat info;
     return stat(path.c_str(), &info) == 0 && S_ISDIR(info.st_mode);
-}
-
-std::string ReadBlock(const std::string& path, std::string& reason)
-{
-    const int fd = open(path.c_str(), O_RDONLY | O_CLOEXEC);
-    std::string block(HEADER_SIZE + 1, '\0');
-    const ssize_t n = fd < 0 ? -1 : pread(fd, &block[0], block.size(), 0);
-    if (fd >= 0) close(fd);
-    if (n != static_cast<ssize_t>(HEADER_SIZE)) {
-        reason = "the header block was not written whole";
-        return {};
-    }
-    block.resize(HEADER_SIZE);
-    return block;
 }
 
 }  // namespace
@@ -108,7 +72,7 @@ void buildCommand::Run(std::ostream& report)
     CheckUsage();
     OpenComponents();
     if (Production())
-        PrepareVerifyKey();
+        PrepareAgent();
     else
         PrepareDevelopmentKey();
     CheckOutputIsNoInput();
@@ -192,17 +156,21 @@ void buildCommand::PrepareDevelopmentKey()
     const std::vector<std::string> names = pluginHost::ResolveKeyName(_options.key);
     const std::string keyPath = names.empty() ? std::string() : names.front();
     if (keyPath.empty()) Fail(exitStatus::signingFailed, "key '" + _options.key + "' is refused by the " + where);
-    if (!_verifyKey.Load(keyPath, reason))
+    auto keyFile = std::make_unique<keyFileSigner>();
+    if (!_verifyKey.Load(keyPath, reason) || !keyFile->Load(keyPath, reason))
         Fail(exitStatus::signingFailed, "key '" + _options.key + "' (" + where + "): " + reason);
+    _signer = std::move(keyFile);
     _keyPaths.push_back(keyPath);
 }
 
-void buildCommand::PrepareVerifyKey()
+void buildCommand::PrepareAgent()
 {
-    if (_options.verifyKey.empty()) return;
     std::string reason;
     if (!_verifyKey.Load(_options.verifyKey, reason)) Fail(exitStatus::signingFailed, "--verify-key " + reason);
     _keyPaths.push_back(_options.verifyKey);
+    auto agent = std::make_unique<agentSigner>(_options.key, _options.agentTimeout);
+    if (_options.verbose) agent->SetTrace([](const std::string& line) { std::cerr << ("markforge: " + line + "\n"); });
+    _signer = std::move(agent);
 }
 
 void buildCommand::CheckOutputIsNoInput() const
@@ -238,77 +206,39 @@ void buildCommand::CheckComponentsFit() const
 
 void buildCommand::BuildAndCommit(std::ostream& report)
 {
-    outputFile headerFile;
+    engineSettings settings;
+    settings.keyName = _options.key;
+    settings.mode = _options.mode;
+    settings.hashId = _hashId;
+    settings.table = _options.table;
+    settings.output = _options.headerOnly ? -1 : _output.Fd();
+    std::vector<engineInput> inputs;
+    for (size_t i = 0; i < _components.size(); ++i) inputs.push_back({_components[i].name, _componentFds[i]});
+
+    engineResult built;
+    engineFailure failure;
+    if (!buildEngine(*_signer, settings).Build(inputs, built, failure)) ReportBuildFailure(built, failure);
+    SelfVerify(built);
+    if (!WriteAllAt(_output.Fd(), built.headerBlock.data(), built.headerBlock.size(), 0))
+        Fail(exitStatus::fileSystem, "cannot write " + _options.output + ": " + std::strerror(errno));
     std::string reason;
-    if (!headerFile.Create(_options.output, reason)) Fail(exitStatus::fileSystem, reason);
-
-    payloadCopier payload(_hashId, _options.headerOnly ? -1 : _output.Fd(), HEADER_SIZE);
-    std::vector<std::string> names;
-    std::vector<containerBuilder::component> parts;
-    for (const componentWord& component : _components) {
-        names.push_back(component.name);
-        parts.push_back({component.name, component.path});
-    }
-    payload.Start(_componentFds, names, _options.table);
-
-    // The table is made from the digests of the bytes copied, so it waits
-    // for the copy; the library reads it, like any component, from a file.
-    outputFile tableFile;
-    containerBuilder::lastComponentSource table = nullptr;
-    if (_options.table) {
-        names.push_back(tableOfContents::COMPONENT_NAME);
-        table = [&](containerBuilder::component& last) {
-            std::string why;
-            if (!payload.Finish(why) || !tableFile.Create(_options.output + ".table", why) ||
-                pwrite(tableFile.Fd(), payload.TableBytes().data(), payload.TableBytes().size(), 0) !=
-                    static_cast<ssize_t>(payload.TableBytes().size()))
-                return false;
-            last = {tableOfContents::COMPONENT_NAME, tableFile.TempPath()};
-            return true;
-        };
-    }
-
-    containerBuilder builder;
-    bool built = false;
-    std::string libraryMessages;
-    agentTimer timer(_options.agentTimeout);
-    {
-        libraryConsole console(_options.verbose, [&timer](const std::string& line) {
-            if (StartsWith(line, AGENT_REQUEST_TRACE)) timer.Arm();
-            if (StartsWith(line, AGENT_ANSWER_TRACE)) timer.Disarm();
-        });
-        built = builder.Build(_options.key, _options.mode, _hashId, parts, headerFile.TempPath(), table);
-        timer.Disarm();
-        libraryMessages = console.Messages();
-    }
-    const bool copied = payload.Finish(reason);
-    // A failed copy (a component that starts with the table's label, a read
-    // or write error) also stops the table, so it is told first.
-    if (!copied) Fail(payload.InputAtFault() ? exitStatus::badInput : exitStatus::fileSystem, reason);
-    if (!built) ReportBuildFailure(builder, payload, timer, libraryMessages);
-    if (!libraryMessages.empty()) std::cerr << libraryMessages << std::flush;
-
-    SelfVerify(builder, payload, names);
-    InstallHeader(headerFile.TempPath());
     if (!_output.Commit(reason)) Fail(exitStatus::fileSystem, reason);
 
-    for (const builtRecord& record : builder.Records())
-        report << "component " << record.name << " offset " << record.offset << " size " << record.size
-               << " signature " << record.signature.size() << "\n";
+    for (const builtComponent& component : built.components)
+        report << "component " << component.name << " offset " << component.offset << " size " << component.size
+               << " signature " << component.signature.size() << "\n";
     report << "wrote " << _options.output << "\n";
 }
 
 std::string buildCommand::SignerText() const
 {
-    return Production() ? "the signing agent at " + std::string(AGENT_ADDRESS) : "the key file";
+    return Production() ? "the signing agent at " + AGENT_ADDRESS : "the key file";
 }
 
-void buildCommand::SelfVerify(const containerBuilder& builder, const payloadCopier& payload,
-                              const std::vector<std::string>& names) const
+void buildCommand::SelfVerify(const engineResult& built) const
 {
     std::string reason;
-    const selfVerifier verifier(builder.Records(), builder.ArchiveSignature(), payload, _hashId);
-    if (!verifier.CheckLayout(names, reason)) Fail(exitStatus::signingFailed, reason + "; nothing was written");
+    const selfVerifier verifier(built, _hashId);
     if (!verifier.CheckSignatureLengths(_verifyKey, reason))
         Fail(exitStatus::signingFailed, SignerText() + " gave " + reason + "; nothing was written");
     if (!verifier.CheckSignatures(_verifyKey, reason))
@@ -316,49 +246,27 @@ void buildCommand::SelfVerify(const containerBuilder& builder, const payloadCopi
                                             " key; nothing was written");
 }
 
-void buildCommand::ReportBuildFailure(const containerBuilder& builder, const payloadCopier& payload,
-                                      const agentTimer& timer, const std::string& libraryMessages) const
+void buildCommand::ReportBuildFailure(const engineResult& built, const engineFailure& failure) const
 {
-    std::string message;
-    exitStatus status = exitStatus::signingFailed;
-    const selfVerifier verifier(builder.Records(), builder.ArchiveSignature(), payload, _hashId);
-    if (builder.TooLarge() && !verifier.CheckSignatureLengths(_verifyKey, message)) {
-        // Signatures of the wrong length are what overran the block.
-        message = SignerText() + " gave " + message + "; nothing was written";
-    } else if (Production() && timer.Expired()) {
-        message = "the signing agent at " + std::string(AGENT_ADDRESS) + " did not answer within " +
-                  SecondsText(timer.Seconds()) + " s (--agent-timeout) while signing the " + builder.Stage() + "; check that markforge-agent runs";
-    } else if (builder.TooLarge()) {
-        status = exitStatus::usage;
-        message = "the signature and the table of " + std::to_string(_components.size()) +
-                  " components do not fit in the 4096-byte header block; give fewer components";
-    } else if (TrailMentions("Unable to read component file")) {
-        status = exitStatus::badInput;
-        message = "cannot read the " + builder.Stage() + " any more; was it removed while building?";
-    } else if (builder.Stage() == "header block") {
-        status = exitStatus::fileSystem;
-        message = "cannot write the header block beside " + _options.output;
-    } else if (Production()) {
-        message = "signing the " + builder.Stage() + " through the signing agent at " + AGENT_ADDRESS +
-                  " failed; check that markforge-agent runs and serves key '" + _options.key + "'";
-    } else {
-        message = "signing the " + builder.Stage() + " with key '" + _options.key +
-                  "' failed; check that its file is a private markforge key file";
+    switch (failure.what) {
+    case engineFailure::kind::input: Fail(exitStatus::badInput, failure.message);
+    case engineFailure::kind::output: Fail(exitStatus::fileSystem, failure.message);
+    case engineFailure::kind::tooLarge: {
+        // Answers of the wrong length are what overran the block.
+        std::string reason;
+        if (!selfVerifier(built, _hashId).CheckSignatureLengths(_verifyKey, reason))
+            Fail(exitStatus::signingFailed, SignerText() + " gave " + reason + "; nothing was written");
+        Fail(exitStatus::usage, failure.message + "; give fewer components");
     }
-    if (!libraryMessages.empty()) {
-        message += "\n" + libraryMessages;
-        if (message.back() == '\n') message.pop_back();
+    case engineFailure::kind::container: Fail(exitStatus::signingFailed, failure.message);
+    case engineFailure::kind::signing: break;
     }
-    Fail(status, message);
-}
-
-void buildCommand::InstallHeader(const std::string& headerPath)
-{
-    std::string reason;
-    const std::string block = ReadBlock(headerPath, reason);
-    if (block.empty()) Fail(exitStatus::fileSystem, reason);
-    if (pwrite(_output.Fd(), block.data(), block.size(), 0) != static_cast<ssize_t>(block.size()))
-        Fail(exitStatus::fileSystem, "cannot write " + _options.output + ": " + std::strerror(errno));
+    if (Production())
+        Fail(exitStatus::signingFailed, "signing the " + failure.stage + " through the signing agent at " +
+                                            AGENT_ADDRESS + " failed: " + failure.message +
+                                            "; check that markforge-agent runs and serves key '" + _options.key + "'");
+    Fail(exitStatus::signingFailed,
+         "signing the " + failure.stage + " with key '" + _options.key + "' failed: " + failure.message);
 }
 
 }  // namespace markforge

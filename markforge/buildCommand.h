@@ -8,10 +8,12 @@
 #include <string>
 #include <vector>
 
+#include "buildEngine.h"
 #include "componentWord.h"
 #include "outputFile.h"
 #include "pluginHost.h"
 #include "publicKey.h"
+#include "signer.h"
 
 namespace markforge {
 
@@ -58,14 +60,12 @@ private:
     void CheckOutputIsNoInput() const;
     void CheckComponentsFit() const;
     size_t RecordCount() const { return _components.size() + (_options.table ? 1 : 0); }
+    void PrepareAgent();
     void BuildAndCommit(std::ostream& report);
-    void SelfVerify(const class containerBuilder& builder, const class payloadCopier& payload,
-                    const std::vector<std::string>& names) const;
-    void ReportBuildFailure(const class containerBuilder& builder, const class payloadCopier& payload,
-                            const class agentTimer& timer, const std::string& libraryMessages) const;
+    void SelfVerify(const engineResult& built) const;
+    [[noreturn]] void ReportBuildFailure(const engineResult& built, const engineFailure& failure) const;
     // Who made the signatures, for messages.
     std::string SignerText() const;
-    void InstallHeader(const std::string& headerPath);
 
     buildOptions _options;
     uint32_t _hashId;
@@ -73,6 +73,7 @@ private:
     std::vector<int> _componentFds;
     std::vector<std::string> _keyPaths;  // inputs the output must not replace
     pluginHost _plugins;
+    std::unique_ptr<signer> _signer;
     publicKey _verifyKey;
     outputFile _output;
 };

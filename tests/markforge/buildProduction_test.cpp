@@ -5,7 +5,9 @@
 
 #include <signal.h>
 
+#include <atomic>
 #include <functional>
+#include <set>
 #include <string>
 #include <vector>
 
@@ -53,8 +55,10 @@ protected:
                                          size_t digestLength, const std::string& digestName)
     {
         if (request.size() < 32 + digestLength) return {};
-        const std::string digest = dir.file("request-digest.bin");
-        const std::string signature = dir.file("answer.bin");
+        // Files of their own: a concurrent stand-in signs on several threads.
+        const std::string call = std::to_string(++signings);
+        const std::string digest = dir.file("request-digest-" + call + ".bin");
+        const std::string signature = dir.file("answer-" + call + ".bin");
         testsupport::WriteFile(digest, std::string(request.begin() + 32, request.begin() + 32 + digestLength));
         const ProcessResult signedIt = testsupport::Run({"openssl", "pkeyutl", "-sign", "-inkey", keyPem,
                                                          "-pkeyopt", "digest:" + digestName, "-in", digest, "-out",
@@ -104,6 +108,7 @@ protected:
     }
 
     testsupport::SignAgentPeer peer;
+    std::atomic<int> signings{0};
     std::string privatePem;
     std::string out;
     std::vector<std::string> components;
@@ -130,11 +135,33 @@ TEST_F(BuildProductionTest, GoodAnswersGiveAVerifiedContainer)
             << detail;
         EXPECT_TRUE(OpensslVerifiesContent(publicPem(), hash, payload, header.signature, detail)) << detail;
     }
-    // Two components and the archive: three requests, named by their F field.
+    // Two components and the archive: three requests, named by their F
+    // field; they may be in flight together, so their order is open.
     const auto requests = peer.Requests();
     ASSERT_EQ(requests.size(), 6u);
-    const std::string args(requests[5].begin() + 96, requests[5].end());
-    EXPECT_EQ(args.substr(0, args.find('\0')), "F=archive;S=64;");
+    std::multiset<std::string> arguments;
+    for (size_t i = 3; i < 6; ++i) {
+        const std::string args(requests[i].begin() + 96, requests[i].end());
+        arguments.insert(args.substr(0, args.find('\0')));
+    }
+    EXPECT_EQ(arguments, (std::multiset<std::string>{"F=app;S=64;", "F=archive;S=64;", "F=boot;S=64;"}));
+}
+
+TEST_F(BuildProductionTest, ASlowAgentIsAskedForSeveralSignaturesAtOnce)
+{
+    // 200 ms an answer, as an HSM under load may take: the component
+    // signatures are asked for while the next component is read, so they
+    // overlap instead of adding up.
+    peer.AnswerBy([this](const std::vector<uint8_t>& request) { return SignRequest(request, 32, "sha256"); });
+    peer.AnswerEachAfter(std::chrono::milliseconds(200));
+    StartPeer();
+    components.clear();
+    for (int i = 0; i < 6; ++i)
+        components.push_back("c" + std::to_string(i) + "=" + MakeComponent("c" + std::to_string(i), 100, unsigned(i)));
+    const ProcessResult built = BuildProduction({"--verify-key", publicPem()});
+    ASSERT_EQ(built.status, 0) << built.err;
+    EXPECT_EQ(peer.Requests().size(), 7u);
+    EXPECT_GE(peer.MostInFlight(), 2u);
 }
 
 TEST_F(BuildProductionTest, WithoutVerifyKeyNothingIsAskedOrWritten)
@@ -197,14 +224,15 @@ TEST_F(BuildProductionTest, VerboseShowsTheAgentTracesOnStandardErrorOnly)
     StartPeer();
     const ProcessResult built = BuildProduction({"--verify-key", publicPem(), "--verbose"});
     ASSERT_EQ(built.status, 0) << built.err;
-    EXPECT_NE(built.err.find("CCA sign: key:release data:"), std::string::npos) << built.err;
-    EXPECT_NE(built.err.find("CCA args: F=boot;S=32;"), std::string::npos) << built.err;
-    EXPECT_EQ(built.out.find("CCA"), std::string::npos) << built.out;
+    EXPECT_NE(built.err.find("markforge: sign: key release, F=boot;S=32; digest "), std::string::npos) << built.err;
+    EXPECT_NE(built.err.find("markforge: sign: key release, F=archive;S=32; digest "), std::string::npos) << built.err;
+    EXPECT_NE(built.err.find(": 256 bytes in "), std::string::npos) << built.err;
+    EXPECT_EQ(built.out.find("sign:"), std::string::npos) << built.out;
 }
 
 TEST_F(BuildProductionTest, AClosedStandardErrorLeavesNoTemporaryFile)
 {
-    // --verbose writes the first trace to standard error before it asks the
+    // --verbose writes a line to standard error after each exchange with the
     // agent; a reader that has gone ends the build there by SIGPIPE.
     StartPeer();
     std::vector<std::string> args{testsupport::MarkforgePath(), "build", "-o", out, "--key", "release", "--mode",
@@ -254,8 +282,8 @@ TEST_F(BuildProductionTest, AnAgentThatNeverAnswersIsGivenUpAfterTheTimeout)
     peer.NeverAnswer();
     StartPeer();
     ExpectSigningFailure(BuildProduction({"--verify-key", publicPem(), "--agent-timeout", "0.5"}),
-                         "markforge: the signing agent at 127.0.0.1:8001 did not answer within 0.5 s "
-                         "(--agent-timeout) while signing the component boot");
+                         "markforge: signing the component boot through the signing agent at 127.0.0.1:8001 failed: "
+                         "the agent did not answer within 0.5 s (--agent-timeout); check that markforge-agent runs");
 }
 
 TEST_F(BuildProductionTest, SignaturesTooLongForTheHeaderAreSigningFailures)

@@ -204,8 +204,32 @@ void SignAgentPeer::Serve()
         if (!WaitReadable(_listener, ACCEPT_POLL_MS)) continue;
         const int connection = ::accept4(_listener, nullptr, nullptr, SOCK_CLOEXEC);
         if (connection < 0) continue;
-        Handle(connection);
+        std::chrono::milliseconds delay;
+        {
+            std::lock_guard<std::mutex> lock(_mutex);
+            delay = _delay;
+        }
+        if (delay.count() == 0) {
+            Handle(connection);
+            continue;
+        }
+        _servers.emplace_back([this, connection, delay] {
+            const size_t now = ++_inFlight;
+            for (size_t most = _mostInFlight; now > most && !_mostInFlight.compare_exchange_weak(most, now);) {
+            }
+            std::this_thread::sleep_for(delay);
+            Handle(connection);
+            --_inFlight;
+        });
     }
+    for (std::thread& server : _servers) server.join();
+    _servers.clear();
+}
+
+void SignAgentPeer::AnswerEachAfter(std::chrono::milliseconds delay)
+{
+    std::lock_guard<std::mutex> lock(_mutex);
+    _delay = delay;
 }
 
 void SignAgentPeer::Handle(int connection)

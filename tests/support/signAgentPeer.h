@@ -10,6 +10,7 @@
 #pragma once
 
 #include <atomic>
+#include <chrono>
 #include <cstdint>
 #include <functional>
 #include <mutex>
@@ -52,6 +53,12 @@ public:
     // answer until the peer stops.
     void NeverAnswer();
 
+    // Like a real agent under load: every following connection is served on
+    // a thread of its own and answered only after `delay`.
+    void AnswerEachAfter(std::chrono::milliseconds delay);
+    // The most connections that were being served at once.
+    size_t MostInFlight() const { return _mostInFlight; }
+
     // The exact bytes received on each connection so far, in order.
     std::vector<std::vector<uint8_t>> Requests() const;
 
@@ -71,6 +78,10 @@ private:
     std::vector<uint8_t> _answer;
     std::function<std::vector<uint8_t>(const std::vector<uint8_t>&)> _compute;
     std::vector<std::vector<uint8_t>> _requests;
+    std::chrono::milliseconds _delay{0};
+    std::vector<std::thread> _servers;
+    std::atomic<size_t> _inFlight{0};
+    std::atomic<size_t> _mostInFlight{0};
 };
 
 }  // namespace testsupport
