@@ -2,8 +2,9 @@
 // to tell changed content from a foreign signature.
 #include "containerVerifier.h"
 
-#include <memory>
+#include <algorithm>
 
+#include "digestPipeline.h"
 #include "digestStream.h"
 
 namespace markforge {
@@ -49,13 +50,11 @@ bool containerVerifier::Run(verifyResult& result, std::string& reason) const
     result = verifyResult();
     result.tableRequired = _policy.requireTable;
     result.table = tableCheck::Locate(_contents);
-    const bool keepTable = tableCheck::Readable(_contents, result.table);
     std::vector<uint8_t> tableBytes;
     // With exactly one component the archive signature is that component's,
-    // so no second digest is needed.
+    // so no second digest is needed; otherwise it runs on a second thread.
     const bool single = _contents.components.size() == 1;
-    std::unique_ptr<digestStream> archive;
-    if (!single) archive = std::make_unique<digestStream>(_hashId);
+    digestPipeline pipeline(_hashId, !single, -1);
     bool archiveComplete = true;
 
     for (const componentEntry& component : _contents.components) {
@@ -65,25 +64,44 @@ bool containerVerifier::Run(verifyResult& result, std::string& reason) const
             archiveComplete = false;
             continue;
         }
-        digestStream own(_hashId);
-        digestStream* running = archiveComplete ? archive.get() : nullptr;
-        std::vector<uint8_t>* kept = keepTable && component.index == result.table.record ? &tableBytes : nullptr;
-        const bool read = _file.Stream(component.fileOffset, component.size,
-                                       [&own, running, kept](const uint8_t* data, size_t length) {
-                                           own.Update(data, length);
-                                           if (running) running->Update(data, length);
-                                           if (kept) kept->insert(kept->end(), data, data + length);
-                                       },
-                                       reason);
-        if (!read) return false;
-        result.componentDigests.push_back(own.Final());
-        result.components.push_back(Judge(component.signature, result.componentDigests.back()));
+        const bool keep = component.index == result.table.record && tableCheck::Readable(_contents, result.table);
+        std::vector<uint8_t> digest;
+        if (!ReadComponent(component, pipeline, archiveComplete && !single, keep ? &tableBytes : nullptr, digest,
+                           reason))
+            return false;
+        result.componentDigests.push_back(digest);
+        result.components.push_back(Judge(component.signature, digest));
     }
-    if (archive && archiveComplete) result.archiveDigest = archive->Final();
+    pipeline.Finish();
+    if (!single && archiveComplete) result.archiveDigest = pipeline.ArchiveDigest();
     if (single && archiveComplete) result.archiveDigest = result.componentDigests[0];
     JudgeArchive(result, archiveComplete);
     result.layout = CheckRecordLayout(_contents);
     CheckTable(result, tableBytes);
+    return true;
+}
+
+bool containerVerifier::ReadComponent(const componentEntry& component, digestPipeline& pipeline, bool toArchive,
+                                      std::vector<uint8_t>* kept, std::vector<uint8_t>& digest,
+                                      std::string& reason) const
+{
+    digestStream own(_hashId);
+    for (uint64_t done = 0; done < component.size;) {
+        digestPipeline::block* next = pipeline.Take();
+        next->length = static_cast<size_t>(std::min<uint64_t>(digestPipeline::BLOCK, component.size - done));
+        if (!_file.ReadInto(component.fileOffset + done, next->length, next->bytes.data(), reason)) {
+            pipeline.Return(next);
+            return false;
+        }
+        own.Update(next->bytes.data(), next->length);
+        if (kept) kept->insert(kept->end(), next->bytes.begin(), next->bytes.begin() + next->length);
+        done += next->length;
+        if (toArchive)
+            pipeline.Pass(next);
+        else
+            pipeline.Return(next);
+    }
+    digest = own.Final();
     return true;
 }
 

@@ -56,8 +56,9 @@ public:
     containerVerifier(const containerContents& contents, const fileReader& file, const publicKey& key,
                       verifyPolicy policy = {});
 
-    // Reads each component once, feeding its own digest and the archive's
-    // (and keeping the table's bytes), then checks the layout and the table.
+    // Reads each component once, feeding its own digest and, on a second
+    // thread, the archive's (and keeping the table's bytes), then checks the
+    // layout and the table.
     // False, with a reason, only when the file cannot be read.
     bool Run(verifyResult& result, std::string& reason) const;
 
@@ -65,6 +66,10 @@ public:
     verdict Judge(const std::vector<uint8_t>& signature, const std::vector<uint8_t>& contentDigest) const;
 
 private:
+    // Reads one component once: its own digest here, the archive's on the
+    // pipeline's second thread (`toArchive`), its bytes kept when `kept`.
+    bool ReadComponent(const componentEntry& component, class digestPipeline& pipeline, bool toArchive,
+                       std::vector<uint8_t>* kept, std::vector<uint8_t>& digest, std::string& reason) const;
     void JudgeArchive(verifyResult& result, bool archiveComplete) const;
     void CheckTable(verifyResult& result, const std::vector<uint8_t>& tableBytes) const;
 

@@ -59,6 +59,27 @@ bool fileReader::Read(uint64_t offset, uint64_t length, std::vector<uint8_t>& ou
                   reason);
 }
 
+bool fileReader::ReadInto(uint64_t offset, size_t length, uint8_t* into, std::string& reason) const
+{
+    if (!Contains(offset, length)) {
+        reason = "the range ends past the end of the file";
+        return false;
+    }
+    while (length > 0) {
+        const ssize_t n = pread(_fd, into, length, static_cast<off_t>(offset));
+        if (n < 0 && errno == EINTR) continue;
+        if (n <= 0) {
+            // The size was taken at Open: a file cut short since reads 0 here.
+            reason = "cannot read " + _path + ": " + (n == 0 ? "the file became shorter" : std::strerror(errno));
+            return false;
+        }
+        into += n;
+        offset += static_cast<uint64_t>(n);
+        length -= static_cast<size_t>(n);
+    }
+    return true;
+}
+
 bool fileReader::Stream(uint64_t offset, uint64_t length, const sink& to, std::string& reason) const
 {
     if (!Contains(offset, length)) {
@@ -68,16 +89,10 @@ bool fileReader::Stream(uint64_t offset, uint64_t length, const sink& to, std::s
     if (_buffer.empty()) _buffer.resize(CHUNK);
     while (length > 0) {
         const size_t want = length < CHUNK ? static_cast<size_t>(length) : CHUNK;
-        const ssize_t n = pread(_fd, _buffer.data(), want, static_cast<off_t>(offset));
-        if (n < 0 && errno == EINTR) continue;
-        if (n <= 0) {
-            // The size was taken at Open: a file cut short since reads 0 here.
-            reason = "cannot read " + _path + ": " + (n == 0 ? "the file became shorter" : std::strerror(errno));
-            return false;
-        }
-        to(_buffer.data(), static_cast<size_t>(n));
-        offset += static_cast<uint64_t>(n);
-        length -= static_cast<uint64_t>(n);
+        if (!ReadInto(offset, want, _buffer.data(), reason)) return false;
+        to(_buffer.data(), want);
+        offset += want;
+        length -= want;
     }
     return true;
 }

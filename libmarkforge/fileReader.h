@@ -31,6 +31,9 @@ public:
     // Reads the range whole into `out`. False when it is outside the file or
     // the file cannot be read.
     bool Read(uint64_t offset, uint64_t length, std::vector<uint8_t>& out, std::string& reason) const;
+    // Reads exactly `length` bytes at `offset` into `into`. False when the
+    // range is outside the file or cannot be read whole.
+    bool ReadInto(uint64_t offset, size_t length, uint8_t* into, std::string& reason) const;
     // Hands the range to `to` in pieces of at most one buffer, in order.
     bool Stream(uint64_t offset, uint64_t length, const sink& to, std::string& reason) const;
 

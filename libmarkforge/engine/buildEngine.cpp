@@ -5,145 +5,32 @@
 #include <unistd.h>
 
 #include <cerrno>
-#include <condition_variable>
 #include <cstring>
-#include <deque>
 #include <future>
-#include <memory>
-#include <mutex>
-#include <thread>
 
 #include "archive.h"
 #include "containerLayout.h"
+#include "digestPipeline.h"
 #include "digestStream.h"
 #include "header.h"
 #include "lbGlobal.h"
 #include "lbScoped.h"
 #include "tableOfContents.h"
-#include "writeAll.h"
 
 namespace markforge {
 namespace {
 
-// Blocks in use at once: enough that reading never waits for the payload
-// thread while it catches up, few enough that memory stays flat.
-constexpr size_t BLOCKS = 4;
 // A record's size and offset words are 32 bits wide.
 constexpr uint64_t MAX_PAYLOAD = 0xFFFFFFFFull;
 
-struct block {
-    std::vector<uint8_t> bytes = std::vector<uint8_t>(buildEngine::BLOCK);
-    size_t length = 0;
-    uint64_t payloadOffset = 0;
-};
-
-// Blocks go from the reading thread to the payload thread in order, and
-// come back empty.
-class blockQueue {
-public:
-    blockQueue()
-    {
-        for (auto& one : _blocks) _free.push_back(&one);
-    }
-
-    block* TakeFree()
-    {
-        std::unique_lock<std::mutex> lock(_mutex);
-        _changed.wait(lock, [this] { return !_free.empty(); });
-        block* taken = _free.front();
-        _free.pop_front();
-        return taken;
-    }
-    void GiveBack(block* given)
-    {
-        {
-            std::lock_guard<std::mutex> lock(_mutex);
-            _free.push_back(given);
-        }
-        _changed.notify_all();
-    }
-    void PushFull(block* full)
-    {
-        {
-            std::lock_guard<std::mutex> lock(_mutex);
-            _full.push_back(full);
-        }
-        _changed.notify_all();
-    }
-    // The next full block, or nullptr once the queue is closed and empty.
-    block* TakeFull()
-    {
-        std::unique_lock<std::mutex> lock(_mutex);
-        _changed.wait(lock, [this] { return !_full.empty() || _closed; });
-        if (_full.empty()) return nullptr;
-        block* taken = _full.front();
-        _full.pop_front();
-        return taken;
-    }
-    void Close()
-    {
-        {
-            std::lock_guard<std::mutex> lock(_mutex);
-            _closed = true;
-        }
-        _changed.notify_all();
-    }
-
-private:
-    block _blocks[BLOCKS];
-    std::mutex _mutex;
-    std::condition_variable _changed;
-    std::deque<block*> _free;
-    std::deque<block*> _full;
-    bool _closed = false;
-};
-
-// The second thread: the archive's running digest (when the archive needs
-// one) and the payload write, block by block.
-class payloadThread {
-public:
-    payloadThread(uint32_t hashId, bool archiveDigest, int output, blockQueue& queue)
-        : _output(output), _queue(queue)
-    {
-        if (archiveDigest) _archive = std::make_unique<digestStream>(hashId);
-        _thread = std::thread([this] { Run(); });
-    }
-    ~payloadThread() { Finish(); }
-
-    // Waits until every block pushed before the queue closed is done.
-    void Finish()
-    {
-        _queue.Close();
-        if (_thread.joinable()) _thread.join();
-    }
-    std::vector<uint8_t> ArchiveDigest() { return _archive ? _archive->Final() : std::vector<uint8_t>(); }
-    const std::string& WriteError() const { return _writeError; }
-
-private:
-    void Run()
-    {
-        while (block* full = _queue.TakeFull()) {
-            if (_archive) _archive->Update(full->bytes.data(), full->length);
-            if (_output >= 0 && _writeError.empty() &&
-                !WriteAllAt(_output, full->bytes.data(), full->length, HEADER_SIZE + full->payloadOffset))
-                _writeError = std::string("cannot write the payload: ") + std::strerror(errno);
-            _queue.GiveBack(full);
-        }
-    }
-
-    int _output;
-    blockQueue& _queue;
-    std::unique_ptr<digestStream> _archive;
-    std::string _writeError;
-    std::thread _thread;
-};
+using block = digestPipeline::block;
 
 // Reads the components and the table through the queue; asks for each
 // signature as soon as its digest is known.
 class componentReader {
 public:
-    componentReader(signer& signs, uint32_t hashId, blockQueue& queue)
-        : _signer(signs), _hashId(hashId), _queue(queue)
+    componentReader(signer& signs, uint32_t hashId, digestPipeline& pipeline)
+        : _signer(signs), _hashId(hashId), _pipeline(pipeline)
     {
     }
     ~componentReader()
@@ -159,10 +46,10 @@ public:
         digestStream digest(_hashId);
         uint64_t size = 0;
         for (;;) {
-            block* next = _queue.TakeFree();
+            block* next = _pipeline.Take();
             const ssize_t got = ReadBlock(input.fd, *next, size);
             if (got <= 0) {
-                _queue.GiveBack(next);
+                _pipeline.Return(next);
                 if (got == 0) break;
                 failure = {engineFailure::kind::input, "component " + input.name,
                            "cannot read component " + input.name + ": " + std::strerror(errno)};
@@ -171,16 +58,16 @@ public:
             // Only the table may start with its label, so that no signed
             // component can ever be passed off as a table.
             if (size == 0 && tableOfContents::StartsWithLabel(next->bytes.data(), next->length)) {
-                _queue.GiveBack(next);
+                _pipeline.Return(next);
                 failure = {engineFailure::kind::input, "component " + input.name,
                            "component " + input.name + " starts with the label of a table of contents, which no " +
                                "other component may; nothing was written"};
                 return false;
             }
             digest.Update(next->bytes.data(), next->length);
-            next->payloadOffset = _offset + size;
+            next->outputOffset = HEADER_SIZE + _offset + size;
             size += next->length;
-            _queue.PushFull(next);
+            _pipeline.Pass(next);
         }
         return Place(input.name, size, digest.Final(), failure);
     }
@@ -192,12 +79,12 @@ public:
             entries.push_back({static_cast<uint32_t>(i), _components[i].name, static_cast<uint32_t>(_components[i].offset),
                                static_cast<uint32_t>(_components[i].size), _components[i].digest});
         const std::vector<uint8_t> table = tableOfContents::Encode(entries);
-        for (size_t at = 0; at < table.size(); at += buildEngine::BLOCK) {
-            block* next = _queue.TakeFree();
-            next->length = std::min(buildEngine::BLOCK, table.size() - at);
+        for (size_t at = 0; at < table.size(); at += digestPipeline::BLOCK) {
+            block* next = _pipeline.Take();
+            next->length = std::min(digestPipeline::BLOCK, table.size() - at);
             std::copy(table.begin() + at, table.begin() + at + next->length, next->bytes.begin());
-            next->payloadOffset = _offset + at;
-            _queue.PushFull(next);
+            next->outputOffset = HEADER_SIZE + _offset + at;
+            _pipeline.Pass(next);
         }
         return Place(tableOfContents::COMPONENT_NAME, table.size(),
                      digestStream::Of(_hashId, table.data(), table.size()), failure);
@@ -262,7 +149,7 @@ private:
 
     signer& _signer;
     uint32_t _hashId;
-    blockQueue& _queue;
+    digestPipeline& _pipeline;
     uint64_t _offset = 0;
     std::vector<builtComponent> _components;
     std::vector<std::future<signatureResult>> _signatures;
@@ -289,9 +176,8 @@ bool buildEngine::Build(const std::vector<engineInput>& inputs, engineResult& re
     // One component in all signs for the archive (its signature is the
     // archive's), so no archive digest is needed then.
     const size_t count = inputs.size() + (_settings.table ? 1 : 0);
-    blockQueue queue;
-    payloadThread payload(_settings.hashId, count != 1, _settings.output, queue);
-    componentReader reader(_signer, _settings.hashId, queue);
+    digestPipeline payload(_settings.hashId, count != 1, _settings.output);
+    componentReader reader(_signer, _settings.hashId, payload);
     for (const engineInput& input : inputs)
         if (!reader.Read(input, failure)) return false;
     if (_settings.table && !reader.ReadTable(failure)) return false;

@@ -64,9 +64,6 @@ public:
     // is then promised about what the output holds.
     bool Build(const std::vector<engineInput>& inputs, engineResult& result, engineFailure& failure);
 
-    // The size of each read.
-    static constexpr size_t BLOCK = 1 << 20;
-
 private:
     bool MakeHeaderBlock(engineResult& result, engineFailure& failure) const;
 

@@ -15,6 +15,7 @@
 #include "agentSigner.h"
 #include "archive.h"
 #include "buildEngine.h"
+#include "digestPipeline.h"
 #include "containerLayout.h"
 #include "header.h"
 #include "keyFileSigner.h"
@@ -33,7 +34,7 @@ using testsupport::Run;
 using Bytes = std::vector<uint8_t>;
 
 // Sizes that cross the engine's block size and include empty components.
-const std::vector<size_t> SIZES = {1000, 0, 3 * buildEngine::BLOCK + 7, 4096, 0, 77, buildEngine::BLOCK};
+const std::vector<size_t> SIZES = {1000, 0, 3 * markforge::digestPipeline::BLOCK + 7, 4096, 0, 77, markforge::digestPipeline::BLOCK};
 
 Bytes Content(size_t size, uint32_t seed)
 {

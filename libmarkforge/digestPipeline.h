@@ -1,0 +1,73 @@
+// markforge::digestPipeline: one read pass feeding two digests on two cores.
+// The reading thread takes a block, fills it, feeds its own digest, and
+// passes it on; a second thread feeds the archive's running digest with it
+// and, when asked, writes it to an output, then gives it back. A few blocks
+// circulate, so memory stays flat whatever the sizes.
+#pragma once
+
+#include <condition_variable>
+#include <cstddef>
+#include <cstdint>
+#include <deque>
+#include <memory>
+#include <mutex>
+#include <string>
+#include <thread>
+#include <vector>
+
+#include "digestStream.h"
+
+namespace markforge {
+
+class digestPipeline {
+public:
+    // The size of each block.
+    static constexpr size_t BLOCK = 1 << 20;
+
+    struct block {
+        std::vector<uint8_t> bytes = std::vector<uint8_t>(BLOCK);
+        size_t length = 0;
+        uint64_t outputOffset = 0;  // where the bytes go in the output
+    };
+
+    // `archiveDigest`: keep the archive's running digest of `hashId` over
+    // every block passed; `output`: write every block passed there (-1: no
+    // output). With neither, no second thread is started.
+    digestPipeline(uint32_t hashId, bool archiveDigest, int output);
+    // Finishes the second thread.
+    ~digestPipeline();
+    digestPipeline(const digestPipeline&) = delete;
+    digestPipeline& operator=(const digestPipeline&) = delete;
+
+    // A free block; waits while every block is in use.
+    block* Take();
+    // Hands a filled block to the second thread.
+    void Pass(block* filled);
+    // Gives back a block that is not to be passed on.
+    void Return(block* unused);
+
+    // Waits until every block passed is done. Then:
+    void Finish();
+    // the archive's digest (empty without one; the stream is then spent);
+    std::vector<uint8_t> ArchiveDigest();
+    // the first write failure, or empty.
+    const std::string& WriteError() const { return _writeError; }
+
+private:
+    void Run();
+    block* NextPassed();
+
+    static constexpr size_t BLOCKS = 4;
+    block _blocks[BLOCKS];
+    std::mutex _mutex;
+    std::condition_variable _changed;
+    std::deque<block*> _free;
+    std::deque<block*> _passed;
+    bool _finishing = false;
+    int _output;
+    std::unique_ptr<digestStream> _archive;
+    std::string _writeError;
+    std::thread _thread;
+};
+
+}  // namespace markforge
