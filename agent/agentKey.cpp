@@ -9,6 +9,7 @@
 #include <map>
 
 #include "digestStream.h"
+#include "hexText.h"
 
 namespace agent {
 namespace {
@@ -67,18 +68,6 @@ const EVP_MD* DigestForLength(size_t length)
     return hashId ? markforge::digestStream::AlgorithmOf(hashId) : nullptr;
 }
 
-std::string HexText(const std::vector<uint8_t>& bytes)
-{
-    static const char digits[] = "0123456789abcdef";
-    std::string text;
-    text.reserve(bytes.size() * 2);
-    for (const uint8_t b : bytes) {
-        text += digits[b >> 4];
-        text += digits[b & 15];
-    }
-    return text;
-}
-
 AgentKey::AgentKey(std::string name, PkeyPtr privateKey, std::shared_ptr<std::mutex> serial)
     : _id(nextKeyId++), _name(std::move(name)), _private(std::move(privateKey)), _serial(std::move(serial))
 {
@@ -106,7 +95,7 @@ bool AgentKey::Prepare(std::string& error)
         error = "key " + _name + ": unreadable public half: " + OpensslError();
         return false;
     }
-    _fingerprint = "SHA256:" + HexText(markforge::digestStream::Of(3, _publicDer.data(), _publicDer.size()));
+    _fingerprint = "SHA256:" + markforge::LowerHex(markforge::digestStream::Of(3, _publicDer.data(), _publicDer.size()));
     return true;
 }
 

@@ -55,7 +55,5 @@ private:
 // The digest named by a finished digest's length, or null.
 const EVP_MD* DigestForLength(size_t length);
 
-// Lower-case hex text of `bytes`.
-std::string HexText(const std::vector<uint8_t>& bytes);
 
 }  // namespace agent

@@ -4,6 +4,8 @@
 #include <string>
 #include <vector>
 
+#include "signAgentProtocol.h"
+
 namespace agent {
 
 struct AgentOptions {
@@ -13,7 +15,7 @@ struct AgentOptions {
     std::string pinFile;  // "-": standard input
     std::vector<std::string> allowKeys;
     std::vector<std::string> allowUsers;
-    unsigned short port = 8001;
+    unsigned short port = markforge::SIGN_AGENT_PORT;
     std::string portFile;
     size_t workers = 0;  // 0: one per core
     size_t maxConnections = 256;

@@ -18,10 +18,12 @@
 #include "auditLog.h"
 #include "keyStore.h"
 
+#include "signAgentProtocol.h"
+
 namespace agent {
 
 struct ServerSettings {
-    unsigned short port = 8001;
+    unsigned short port = markforge::SIGN_AGENT_PORT;
     size_t workers = 1;
     size_t maxConnections = 256;
     // Open connections one user may hold, so that no user can starve the

@@ -10,6 +10,8 @@
 #include <cerrno>
 #include <cstring>
 
+#include "hexText.h"
+
 namespace agent {
 namespace {
 
@@ -50,7 +52,7 @@ void NoteRequest(RequestRecord& record, const SignRequest& request)
     record.keyName = request.keyName;
     record.fieldF = request.fieldF;
     record.digestLength = request.digest.size();
-    record.digestHex = HexText(request.digest);
+    record.digestHex = markforge::LowerHex(request.digest);
 }
 
 }  // namespace

@@ -7,14 +7,17 @@
 #include <string>
 #include <vector>
 
+#include "signAgentProtocol.h"
+
 namespace agent {
 
-constexpr size_t KEY_FIELD_SIZE = 32;
-constexpr size_t ARG_FIELD_SIZE = 64;
-constexpr size_t SHORT_REQUEST = 128;  // 32-byte digest area
-constexpr size_t LONG_REQUEST = 160;   // 64-byte digest area
-constexpr size_t SHORT_DIGEST_AREA = 32;
-constexpr size_t LONG_DIGEST_AREA = 64;
+// The layout every party to the protocol shares.
+using markforge::signagent::ARG_FIELD_SIZE;
+using markforge::signagent::KEY_FIELD_SIZE;
+using markforge::signagent::LONG_DIGEST_AREA;
+using markforge::signagent::LONG_REQUEST;
+using markforge::signagent::SHORT_DIGEST_AREA;
+using markforge::signagent::SHORT_REQUEST;
 
 // One request as the client laid it out.
 struct SignRequest {

@@ -30,12 +30,14 @@
 #include <string>
 #include <vector>
 
+#include "signAgentProtocol.h"
+
 namespace {
 
 using Clock = std::chrono::steady_clock;
 
 struct Settings {
-    unsigned short port = 8001;
+    unsigned short port = markforge::SIGN_AGENT_PORT;
     int clients = 1;
     double seconds = 10;
     std::string key = "bench";
@@ -56,21 +58,19 @@ struct Client {
     Clock::time_point start;
 };
 
+// The request the library's signer sends, laid out by the shared protocol.
 std::vector<uint8_t> Request(const Settings& settings)
 {
-    const size_t area = settings.digestLength == 32 ? 32 : 64;
-    std::vector<uint8_t> request(32 + area + 64, 0);
-    std::memcpy(request.data(), settings.key.c_str(), std::min<size_t>(settings.key.size(), 31));
-    for (size_t i = 0; i < settings.digestLength; ++i) request[32 + i] = static_cast<uint8_t>(i * 7 + 1);
-    const std::string arguments = "F=bench.bin;C=1;S=" + std::to_string(settings.digestLength) + ";";
-    std::memcpy(request.data() + 32 + area, arguments.c_str(), arguments.size());
-    return request;
+    std::vector<uint8_t> digest(settings.digestLength);
+    for (size_t i = 0; i < digest.size(); ++i) digest[i] = static_cast<uint8_t>(i * 7 + 1);
+    return markforge::signagent::Request(settings.key, digest,
+                                         markforge::signagent::ArgumentText("bench.bin", 1, digest.size(), ""));
 }
 
 // Every request signs a different digest: its first eight bytes count up.
 void NumberRequest(std::vector<uint8_t>& request, unsigned long long number)
 {
-    std::memcpy(request.data() + 32, &number, sizeof number);
+    std::memcpy(request.data() + markforge::signagent::KEY_FIELD_SIZE, &number, sizeof number);
 }
 
 class LoadGenerator {

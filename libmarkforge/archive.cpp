@@ -16,13 +16,6 @@ namespace markforge {
 
 namespace {
 
-// The digests an archive supports: SHA-512 and SHA-384 by their own numbers,
-// SHA-256 for every other value.
-unsigned KeptHashId(uint32_t hashId)
-{
-    return hashId == lbHashId::SHA512 || hashId == lbHashId::SHA384 ? hashId : lbHashId::SHA256;
-}
-
 uint32_t RecordWord(const CompBlock& record, size_t offset)
 {
     return load_be32(record.bytes + offset);
@@ -43,7 +36,7 @@ bool archive::Open(const char* data, uint32_t start, uint32_t size, uint32_t has
     LB_FUNCTION("bool markforge::archive::Open(const char*, uint32_t, uint32_t, uint32_t)");
     _hashIdentifier = hashId;
     CompBlockList.clear();
-    LB_OPEN_WITH(_hashId, _hashId.Open(KeptHashId(hashId)));
+    LB_OPEN_WITH(_hashId, _hashId.Open(lbHashId::Kept(hashId)));
     LB_OPEN_WITH(_digest, _digest.Open(_hashId));
     if (uint64_t(start) + size >= HEADER_SIZE) LB_FAIL("( start + size < HEADER_SIZE )");
 
@@ -129,7 +122,6 @@ bool archive::Close()
 namespace {
 
 // Names are kept one short of the record's 15 characters on purpose.
-constexpr size_t MAX_COMPONENT_NAME = 14;
 constexpr size_t FEED_CHUNK = 4096;
 constexpr size_t READ_AHEAD_SIZE = 64 * 1024;
 
@@ -157,7 +149,7 @@ bool archive::Open(const string& keyName, const string& mode, uint32_t hashId)
     _nextOffset = 0;
     this->keyName = keyName;
     _hashIdentifier = hashId;
-    LB_OPEN_WITH(_hashId, _hashId.Open(KeptHashId(hashId)));
+    LB_OPEN_WITH(_hashId, _hashId.Open(lbHashId::Kept(hashId)));
     LB_OPEN_WITH(_digest, _digest.Open(_hashId));
     return true;
 }

@@ -66,6 +66,22 @@ static_assert(sizeof(CompBlock) == CompBlock::BYTES, "a component record is 540 
 static_assert(CompBlock::SIGNATURE_OFFSET + CompBlock::SIGNATURE_FIELD_SIZE == CompBlock::BYTES,
               "the signature field closes the record");
 
+// The longest component name a builder accepts: the field holds 15
+// characters and a terminator, and names keep one character in hand.
+static constexpr size_t MAX_COMPONENT_NAME = 14;
+
+// Whether a header signature of `signatureSize` bytes and `records` records
+// fit between the block's fixed words.
+inline constexpr bool FitsInHeader(size_t signatureSize, size_t records)
+{
+    return signatureSize <= HEADER_VARIABLE_SPACE && records <= (HEADER_VARIABLE_SPACE - signatureSize) / CompBlock::BYTES;
+}
+// The most records that fit beside a signature of `signatureSize` bytes.
+inline constexpr size_t MostRecords(size_t signatureSize)
+{
+    return signatureSize <= HEADER_VARIABLE_SPACE ? (HEADER_VARIABLE_SPACE - signatureSize) / CompBlock::BYTES : 0;
+}
+
 inline uint32_t load_be32(const uint8_t* p)
 {
     return (uint32_t(p[0]) << 24) | (uint32_t(p[1]) << 16) | (uint32_t(p[2]) << 8) | uint32_t(p[3]);

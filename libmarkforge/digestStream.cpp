@@ -6,13 +6,14 @@
 #include <stdexcept>
 
 #include "hexString.h"
+#include "lbHashId.h"
 
 namespace markforge {
 namespace {
 
-constexpr uint32_t SHA256_ID = 3;
-constexpr uint32_t SHA512_ID = 4;
-constexpr uint32_t SHA384_ID = 5;
+constexpr uint32_t SHA256_ID = lbHashId::SHA256;
+constexpr uint32_t SHA512_ID = lbHashId::SHA512;
+constexpr uint32_t SHA384_ID = lbHashId::SHA384;
 
 
 }  // namespace
@@ -44,26 +45,17 @@ std::vector<uint8_t> digestStream::Final()
 
 size_t digestStream::LengthOf(uint32_t hashId)
 {
-    switch (KeptId(hashId)) {
-    case SHA512_ID: return 64;
-    case SHA384_ID: return 48;
-    default: return 32;
-    }
+    return lbHashId::DigestLength(hashId);
 }
 
 uint32_t digestStream::KeptId(uint32_t hashId)
 {
-    return hashId == SHA512_ID || hashId == SHA384_ID ? hashId : SHA256_ID;
+    return lbHashId::Kept(hashId);
 }
 
 uint32_t digestStream::IdForLength(size_t length)
 {
-    switch (length) {
-    case 32: return SHA256_ID;
-    case 48: return SHA384_ID;
-    case 64: return SHA512_ID;
-    default: return 0;
-    }
+    return lbHashId::ForDigestLength(length);
 }
 
 const EVP_MD* digestStream::AlgorithmOf(uint32_t hashId)
@@ -82,6 +74,22 @@ const char* digestStream::NameOf(uint32_t hashId)
     case SHA384_ID: return "SHA-384";
     default: return "SHA-256";
     }
+}
+
+const char* digestStream::WordOf(uint32_t hashId)
+{
+    switch (KeptId(hashId)) {
+    case SHA512_ID: return "sha512";
+    case SHA384_ID: return "sha384";
+    default: return "sha256";
+    }
+}
+
+uint32_t digestStream::IdOfWord(const std::string& word)
+{
+    for (uint32_t id : {SHA256_ID, SHA384_ID, SHA512_ID})
+        if (word == WordOf(id)) return id;
+    return SHA256_ID;
 }
 
 std::vector<uint8_t> digestStream::Of(uint32_t hashId, const uint8_t* data, size_t length)

@@ -37,6 +37,10 @@ public:
     static const evp_md_st* AlgorithmOf(uint32_t hashId);
     // "SHA-256", "SHA-384" or "SHA-512".
     static const char* NameOf(uint32_t hashId);
+    // The command-line word: "sha256", "sha384" or "sha512".
+    static const char* WordOf(uint32_t hashId);
+    // The number for a command-line word; any other word means SHA-256.
+    static uint32_t IdOfWord(const std::string& word);
 
     // The one-shot digest of `data`.
     static std::vector<uint8_t> Of(uint32_t hashId, const uint8_t* data, size_t length);

@@ -11,13 +11,6 @@
 namespace markforge {
 namespace {
 
-// The framework number for a caller's hash identifier: 4 and 5 are kept,
-// every other value means SHA-256.
-unsigned DigestIdFor(uint32_t hashId)
-{
-    if (hashId == lbHashId::SHA512 || hashId == lbHashId::SHA384) return hashId;
-    return lbHashId::SHA256;
-}
 
 }  // namespace
 
@@ -53,7 +46,7 @@ bool hash::GenerateHashInternal(std::ifstream& instream, uint32_t size, uint32_t
 {
     LB_FUNCTION("bool markforge::hash::GenerateHashInternal(std::ifstream&, uint32_t, uint32_t)");
     lbHashId id;
-    LB_OPEN_WITH(id, id.Open(DigestIdFor(hashId)));
+    LB_OPEN_WITH(id, id.Open(lbHashId::Kept(hashId)));
     lbMd md;
     LB_OPEN_WITH(md, md.Open(id));
     LB_CLOSE(id);

@@ -32,12 +32,11 @@ bool IsChecksumLength(size_t length)
     return length == 64 || length == 96 || length == 128;
 }
 
-// The hash identifier for the digest of a checksum text of this length.
+// The hash identifier for the digest of a checksum text of this length: the
+// SHA-2 whose hex text is that long, any other length SHA-256.
 unsigned DigestIdForText(size_t length)
 {
-    if (length == 128) return lbHashId::SHA512;
-    if (length == 96) return lbHashId::SHA384;
-    return lbHashId::SHA256;
+    return lbHashId::Kept(lbHashId::ForDigestLength(length / 2));
 }
 
 string UpperCased(string text)

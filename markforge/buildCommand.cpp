@@ -14,6 +14,7 @@
 
 #include "agentSigner.h"
 #include "containerLayout.h"
+#include "digestStream.h"
 #include "exitStatus.h"
 #include "keyFileSigner.h"
 #include "programPaths.h"
@@ -50,20 +51,13 @@ bool IsFolder(const std::string& path)
 
 }  // namespace
 
-buildCommand::buildCommand(buildOptions options) : _options(std::move(options)), _hashId(HashIdOf(_options.hash))
+buildCommand::buildCommand(buildOptions options) : _options(std::move(options)), _hashId(digestStream::IdOfWord(_options.hash))
 {
 }
 
 buildCommand::~buildCommand()
 {
     for (int fd : _componentFds) close(fd);
-}
-
-uint32_t buildCommand::HashIdOf(const std::string& word)
-{
-    if (word == "sha384") return 5;
-    if (word == "sha512") return 4;
-    return 3;
 }
 
 void buildCommand::Run(std::ostream& report)
@@ -194,9 +188,8 @@ void buildCommand::CheckComponentsFit() const
     // With the key at hand the signature length is known; without it the
     // builder checks once the archive is signed.
     const size_t signature = _verifyKey.Loaded() ? _verifyKey.ModulusBytes() : MIN_SIGNATURE_SIZE;
-    const size_t used = signature + RecordCount() * CompBlock::BYTES;
-    if (used > HEADER_VARIABLE_SPACE) {
-        const size_t most = (HEADER_VARIABLE_SPACE - signature) / CompBlock::BYTES;
+    if (!FitsInHeader(signature, RecordCount())) {
+        const size_t most = MostRecords(signature);
         Fail(exitStatus::usage, std::to_string(RecordCount()) + " components" +
                                     (_options.table ? " (the table of contents included)" : "") +
                                     " do not fit in the header block with a " + std::to_string(signature) +

@@ -47,8 +47,6 @@ public:
     // left untouched.
     void Run(std::ostream& report);
 
-    // The framework number of a --hash word: 3, 5 or 4.
-    static uint32_t HashIdOf(const std::string& word);
 
 private:
     bool Production() const { return _options.mode == "production"; }

@@ -3,13 +3,14 @@
 
 #include <string>
 
+#include "containerLayout.h"
+
 namespace markforge {
 
 class componentWord {
 public:
-    // The longest component name the record can carry with the builder's
-    // one-character margin.
-    static constexpr size_t MAX_NAME = 14;
+    // The longest component name a builder accepts.
+    static constexpr size_t MAX_NAME = MAX_COMPONENT_NAME;
 
     // Splits `word` at its first '='. False, with a one-line reason, when
     // there is no '=', the name is empty, longer than MAX_NAME or holds a

@@ -2,17 +2,10 @@
 #include "containerReport.h"
 
 #include "digestStream.h"
-#include "hexString.h"
+#include "hexText.h"
 
 namespace markforge {
 namespace {
-
-std::string Lower(std::string text)
-{
-    for (char& c : text)
-        if (c >= 'A' && c <= 'F') c = static_cast<char>(c - 'A' + 'a');
-    return text;
-}
 
 std::vector<uint8_t> Sha256Of(const std::vector<uint8_t>& bytes)
 {
@@ -22,12 +15,7 @@ std::vector<uint8_t> Sha256Of(const std::vector<uint8_t>& bytes)
 // "sha256", "sha384", "sha512", or nullptr when the digest length names none.
 const char* HashWord(uint32_t hashId)
 {
-    if (!hashId) return nullptr;
-    switch (digestStream::LengthOf(hashId)) {
-    case 48: return "sha384";
-    case 64: return "sha512";
-    default: return "sha256";
-    }
+    return hashId ? digestStream::WordOf(hashId) : nullptr;
 }
 
 // A half-open range of payload bytes for a person.
@@ -47,7 +35,7 @@ containerReport::containerReport(const std::string& path, const containerContent
 
 std::string containerReport::Hex(const std::vector<uint8_t>& bytes)
 {
-    return Lower(lockbase::hexString(bytes).text);
+    return LowerHex(bytes);
 }
 
 bool containerReport::IsPrintable(const std::string& bytes)

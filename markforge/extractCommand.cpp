@@ -12,21 +12,10 @@
 #include "exitStatus.h"
 #include "outputFile.h"
 #include "recordLayout.h"
+#include "writeAll.h"
 
 namespace markforge {
 namespace {
-
-bool WriteAll(int fd, const uint8_t* data, size_t length)
-{
-    while (length > 0) {
-        const ssize_t n = write(fd, data, length);
-        if (n < 0 && errno == EINTR) continue;
-        if (n <= 0) return false;
-        data += n;
-        length -= static_cast<size_t>(n);
-    }
-    return true;
-}
 
 // The names a container holds, for the message when NAME is not one of them.
 std::string NamesOf(const containerContents& contents)

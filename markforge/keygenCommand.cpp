@@ -12,6 +12,7 @@
 #include "lbRsa.h"
 #include "lbScoped.h"
 #include "outputFile.h"
+#include "writeAll.h"
 
 namespace markforge {
 namespace {
@@ -36,17 +37,6 @@ void Wipe(std::string& text)
 void WipeTexts(lockbase::RsaKeyTexts& texts)
 {
     for (std::string* text : {&texts.n, &texts.e, &texts.p, &texts.q, &texts.d}) Wipe(*text);
-}
-
-bool WriteAll(int fd, const std::string& text)
-{
-    size_t done = 0;
-    while (done < text.size()) {
-        const ssize_t n = write(fd, text.data() + done, text.size() - done);
-        if (n <= 0) return false;
-        done += static_cast<size_t>(n);
-    }
-    return true;
 }
 
 }  // namespace
@@ -75,7 +65,8 @@ void keygenCommand::Run()
     if (!made) Fail(exitStatus::signingFailed, "the new key could not be taken into a key object");
     WritePrivateKey(key, privateFile);
 
-    if (!_options.publicOut.empty() && !WriteAll(publicFile.Fd(), half.PemText()))
+    const std::string pem = half.PemText();
+    if (!_options.publicOut.empty() && !WriteAll(publicFile.Fd(), reinterpret_cast<const uint8_t*>(pem.data()), pem.size()))
         Fail(exitStatus::fileSystem, "cannot write " + _options.publicOut);
     if (!privateFile.CommitWithoutReplacing(true, reason)) Fail(exitStatus::fileSystem, reason);
     if (!_options.publicOut.empty() && !publicFile.CommitWithoutReplacing(false, reason)) {

@@ -6,10 +6,12 @@
 #include <iostream>
 
 #include "buildCommand.h"
+#include "digestStream.h"
 #include "extractCommand.h"
 #include "infoCommand.h"
 #include "keygenCommand.h"
 #include "lbGlobal.h"
+#include "lbHashId.h"
 #include "lbScoped.h"
 #include "lbVersions.h"
 #include "markforgeVersion.h"
@@ -37,7 +39,8 @@ void AddBuildCommand(CLI::App& app, buildOptions& options)
         ->required()
         ->check(CLI::IsMember({"development", "production"}));
     build->add_option("--hash", options.hash, "Digest of the components (default sha256)")
-        ->check(CLI::IsMember({"sha256", "sha384", "sha512"}));
+        ->check(CLI::IsMember({digestStream::WordOf(lbHashId::SHA256), digestStream::WordOf(lbHashId::SHA384),
+                               digestStream::WordOf(lbHashId::SHA512)}));
     CLI::Option* keyDir =
         build->add_option("--key-dir", options.keyDir, "Development keys as DIR/NAME.markforge")->type_name("DIR");
     CLI::Option* plugin =

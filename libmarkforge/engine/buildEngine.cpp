@@ -211,7 +211,7 @@ bool buildEngine::MakeHeaderBlock(engineResult& result, engineFailure& failure) 
 {
     // The block holds the signature and the records between its fixed
     // words; the writer would not stop a table that runs over.
-    if (result.archiveSignature.size() + result.components.size() * CompBlock::BYTES > HEADER_VARIABLE_SPACE) {
+    if (!FitsInHeader(result.archiveSignature.size(), result.components.size())) {
         failure = {engineFailure::kind::tooLarge, "header block",
                    "the signature and the table of " + std::to_string(result.components.size()) +
                        " components do not fit in the 4096-byte header block"};
