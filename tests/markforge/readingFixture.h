@@ -51,13 +51,7 @@ inline std::string PublicKey(const std::string& name)
 // Random-looking but fixed bytes, told apart by `seed`.
 inline Bytes Content(size_t size, uint32_t seed)
 {
-    Bytes out(size);
-    uint32_t x = seed * 2654435761u + 1;
-    for (uint8_t& byte : out) {
-        x = x * 1103515245u + 12345u;
-        byte = uint8_t(x >> 16);
-    }
-    return out;
+    return testsupport::SeededBytes(size, seed);
 }
 
 using Components = std::vector<std::pair<std::string, Bytes>>;

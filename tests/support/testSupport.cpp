@@ -288,6 +288,17 @@ ProcessResult Openssl(const std::vector<std::string>& args, const std::string* i
     return result;
 }
 
+std::vector<uint8_t> SeededBytes(size_t size, uint32_t seed)
+{
+    std::vector<uint8_t> out(size);
+    uint32_t x = seed * 2654435761u + 1;
+    for (uint8_t& byte : out) {
+        x = x * 1103515245u + 12345u;
+        byte = uint8_t(x >> 16);
+    }
+    return out;
+}
+
 std::string ReadFile(const std::string& path)
 {
     std::ifstream in(path, std::ios::binary);

@@ -55,6 +55,9 @@ std::string MarkforgePath();
 // Path of the repository's tests/data folder.
 std::string DataPath(const std::string& name);
 
+// Random-looking but fixed bytes, told apart by `seed`.
+std::vector<uint8_t> SeededBytes(size_t size, uint32_t seed);
+
 std::string ReadFile(const std::string& path);
 std::vector<uint8_t> ReadBytes(const std::string& path);
 void WriteFile(const std::string& path, const std::string& bytes);

@@ -36,17 +36,6 @@ using Bytes = std::vector<uint8_t>;
 // Sizes that cross the engine's block size and include empty components.
 const std::vector<size_t> SIZES = {1000, 0, 3 * markforge::digestPipeline::BLOCK + 7, 4096, 0, 77, markforge::digestPipeline::BLOCK};
 
-Bytes Content(size_t size, uint32_t seed)
-{
-    Bytes out(size);
-    uint32_t x = seed * 2654435761u + 7;
-    for (uint8_t& byte : out) {
-        x = x * 1103515245u + 12345u;
-        byte = uint8_t(x >> 16);
-    }
-    return out;
-}
-
 class BuildEngineIdentity : public testsupport::SigningTest {
 protected:
     void SetUp() override
@@ -96,7 +85,7 @@ protected:
         std::vector<std::string> paths;
         for (size_t i = 0; i < count; ++i) {
             paths.push_back(dir.file("part" + std::to_string(i)));
-            testsupport::WriteBytes(paths.back(), Content(SIZES[i], uint32_t(i + 1)));
+            testsupport::WriteBytes(paths.back(), testsupport::SeededBytes(SIZES[i], uint32_t(i + 1)));
         }
         return paths;
     }
