@@ -55,10 +55,11 @@ void AddBuildCommand(CLI::App& app, buildOptions& options)
     build->add_option("--verify-key", options.verifyKey,
                       "Production (required): the release key's public half; every signature is checked with it")
         ->type_name("PUBKEY");
-    build->add_option("--agent-timeout", options.agentTimeout, "Production: seconds to wait for each agent answer")
+    build->add_option("--agent-timeout", options.agentTimeout,
+                      "Production: seconds allowed for each connect, send and answer of the agent")
         ->type_name("SECONDS");
     build->add_flag("--allow-empty", options.allowEmpty, "Allow a container without components");
-    build->add_flag("--verbose", options.verbose, "Show the library's signing traces on standard error");
+    build->add_flag("--verbose", options.verbose, "Production: one line per exchange with the agent on standard error");
     build->add_option("components", options.components, "Components, in payload order")->type_name("NAME=FILE");
     build->footer(EXIT_STATUS_TEXT);
     build->callback([&options, pluginArg] { options.pluginArgGiven = pluginArg->count() > 0; });

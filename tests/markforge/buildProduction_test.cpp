@@ -4,6 +4,7 @@
 #include <gtest/gtest.h>
 
 #include <signal.h>
+#include <unistd.h>
 
 #include <atomic>
 #include <functional>
@@ -298,6 +299,20 @@ TEST_F(BuildProductionTest, SignaturesTooLongForTheHeaderAreSigningFailures)
     ExpectSigningFailure(BuildProduction({"--verify-key", publicPem()}),
                          "markforge: the signing agent at 127.0.0.1:8001 gave 512 bytes for the component c0, "
                          "where a signature by the key is 256 bytes; nothing was written");
+}
+
+TEST_F(BuildProductionTest, TheStandInsPortIsItsOwnWhereANamespaceCanBeMade)
+{
+    // As root (CI) the stand-in's 127.0.0.1:8001 is in a network namespace
+    // of the test's own: an installed agent on the machine's port is never
+    // met, nor another test run's stand-in.
+    if (::geteuid() != 0) GTEST_SKIP() << "a network namespace needs root; the machine-wide lock is used";
+    StartPeer();
+    char self[64] = {}, parent[64] = {};
+    ASSERT_GT(::readlink("/proc/self/ns/net", self, sizeof self - 1), 0);
+    const std::string parentLink = "/proc/" + std::to_string(::getppid()) + "/ns/net";
+    ASSERT_GT(::readlink(parentLink.c_str(), parent, sizeof parent - 1), 0);
+    EXPECT_STRNE(self, parent);
 }
 
 TEST_F(BuildProductionTest, NoAgentListening)

@@ -15,6 +15,7 @@
 #include <cstring>
 #include <string>
 
+#include "privateNetwork.h"
 #include "signAgentProtocol.h"
 
 namespace testsupport {
@@ -37,6 +38,10 @@ constexpr auto LOCK_RETRY = std::chrono::milliseconds(50);
 // folder of its own while runs in other folders still share the port.
 int LockPort(std::string& error)
 {
+    // In a network namespace of its own (as root) the port, and the lock's
+    // abstract socket name with it, belong to this test process alone; the
+    // lock then only stands in for itself.
+    EnterPrivateNetwork();
     static const char NAME[] = "markforge-sign-agent-8001.lock";
     sockaddr_un address{};
     address.sun_family = AF_UNIX;

@@ -3,10 +3,12 @@
 // and answers the way the test asks.
 //
 // The port is one per machine, while several test runs (other build folders)
-// may go on at once, beyond the reach of ctest's resource locks. So a peer
-// first takes a machine-wide lock (a bound Unix socket name) and keeps it
-// until it stops; a test that needs nothing listening takes the same lock
-// through ReservePort.
+// may go on at once, beyond the reach of ctest's resource locks, and an
+// installed markforge-agent may hold it. Where it can (as root), the test
+// process first moves into a network namespace of its own, whose port 8001
+// nothing else can touch. Elsewhere a peer takes a machine-wide lock (a
+// bound Unix socket name) and keeps it until it stops; a test that needs
+// nothing listening takes the same lock through ReservePort.
 #pragma once
 
 #include <atomic>
