@@ -17,6 +17,9 @@
 namespace markforge {
 namespace {
 
+constexpr double MIN_SECONDS = 1e-6;
+constexpr double MAX_SECONDS = 1e6;
+
 std::string SecondsText(double seconds)
 {
     std::ostringstream text;
@@ -63,6 +66,10 @@ bool TimedOut(int error)
 agentSigner::agentSigner(std::string keyName, double seconds, unsigned short port)
     : _keyName(std::move(keyName)), _seconds(seconds), _port(port)
 {
+    // A socket's time-out is whole seconds and microseconds: anything from
+    // a microsecond to about eleven days is kept as it is.
+    if (!(_seconds >= MIN_SECONDS)) _seconds = MIN_SECONDS;
+    if (_seconds > MAX_SECONDS) _seconds = MAX_SECONDS;
 }
 
 std::string agentSigner::Describe() const
