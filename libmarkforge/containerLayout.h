@@ -66,6 +66,10 @@ static_assert(sizeof(CompBlock) == CompBlock::BYTES, "a component record is 540 
 static_assert(CompBlock::SIGNATURE_OFFSET + CompBlock::SIGNATURE_FIELD_SIZE == CompBlock::BYTES,
               "the signature field closes the record");
 
+// A record's size and offset words are 32 bits wide: the most payload bytes
+// a container can place.
+static constexpr uint64_t MAX_PAYLOAD = 0xFFFFFFFFull;
+
 // The longest component name a builder accepts: the field holds 15
 // characters and a terminator, and names keep one character in hand.
 static constexpr size_t MAX_COMPONENT_NAME = 14;

@@ -29,8 +29,6 @@ namespace {
 // What the agent's request carries of a key name: its field's bound, less
 // the terminator.
 constexpr size_t MAX_AGENT_KEY_NAME = signagent::KEY_FIELD_BOUND - 1;
-// A record's size and offset words are 32 bits wide.
-constexpr uint64_t MAX_PAYLOAD = 0xFFFFFFFFull;
 const std::string AGENT_ADDRESS = std::string(SIGN_AGENT_ADDRESS) + ":" + std::to_string(SIGN_AGENT_PORT);
 
 [[noreturn]] void Fail(exitStatus status, const std::string& message)

@@ -20,10 +20,18 @@
 namespace markforge {
 namespace {
 
-// A record's size and offset words are 32 bits wide.
-constexpr uint64_t MAX_PAYLOAD = 0xFFFFFFFFull;
-
 using block = digestPipeline::block;
+
+// What the signer is asked for the content whose digest is `digest`.
+signatureRequest RequestFor(const std::string& fieldF, uint32_t hashId, const std::vector<uint8_t>& digest)
+{
+    signatureRequest request;
+    request.fieldF = fieldF;
+    request.hashId = hashId;
+    request.contentDigest = digest;
+    request.toSign = SignedDigestOf(hashId, digest);
+    return request;
+}
 
 // Reads the components and the table through the queue; asks for each
 // signature as soon as its digest is known.
@@ -105,8 +113,6 @@ public:
         return true;
     }
 
-    size_t Count() const { return _components.size(); }
-
 private:
     static ssize_t ReadBlock(int fd, block& into, uint64_t at)
     {
@@ -138,11 +144,7 @@ private:
 
     std::future<signatureResult> AskForSignature(const std::string& fieldF, const std::vector<uint8_t>& digest)
     {
-        signatureRequest request;
-        request.fieldF = fieldF;
-        request.hashId = _hashId;
-        request.contentDigest = digest;
-        request.toSign = SignedDigestOf(_hashId, digest);
+        const signatureRequest request = RequestFor(fieldF, _hashId, digest);
         signer& signs = _signer;
         return std::async(std::launch::async, [&signs, request] { return signs.Sign(request); });
     }
@@ -190,12 +192,7 @@ bool buildEngine::Build(const std::vector<engineInput>& inputs, engineResult& re
     signatureResult archive;
     if (count != 1) {
         result.archiveDigest = payload.ArchiveDigest();
-        signatureRequest request;
-        request.fieldF = "archive";
-        request.hashId = _settings.hashId;
-        request.contentDigest = result.archiveDigest;
-        request.toSign = SignedDigestOf(_settings.hashId, result.archiveDigest);
-        archive = _signer.Sign(request);
+        archive = _signer.Sign(RequestFor("archive", _settings.hashId, result.archiveDigest));
     }
     if (!reader.CollectSignatures(result.components, failure)) return false;
     if (count == 1) archive.signature = result.components.front().signature;
