@@ -45,3 +45,15 @@ function(markforge_completions)
   file(GLOB scripts CONFIGURE_DEPENDS ${PROJECT_SOURCE_DIR}/completion/*)
   install(FILES ${scripts} DESTINATION ${CMAKE_INSTALL_DATADIR}/bash-completion/completions)
 endfunction()
+
+# The documents the programs' help screens and man pages point to, under
+# share/doc/markforge-tools/, with the example scripts under examples/.
+set(MARKFORGE_USER_DOC_DIR ${CMAKE_INSTALL_DATADIR}/doc/markforge-tools)
+function(markforge_user_docs)
+  foreach(doc container-format json plugins sign-agent signing-outside)
+    install(FILES ${PROJECT_SOURCE_DIR}/docs/${doc}.md DESTINATION ${MARKFORGE_USER_DOC_DIR})
+  endforeach()
+  install(FILES ${PROJECT_SOURCE_DIR}/docs/examples/verify-with-openssl.sh
+                ${PROJECT_SOURCE_DIR}/docs/examples/sign-requests.sh
+          DESTINATION ${MARKFORGE_USER_DOC_DIR}/examples)
+endfunction()

@@ -1,11 +1,14 @@
 // Fuzz target: what `markforge build` reads from its command line — a
-// NAME=FILE word — and what the key-directory plug-in makes of a folder
-// argument and a key name. The input is split at its first newline into the
-// word and the name; the name also serves as the folder.
+// NAME=FILE word, and the whole input as a --signing-helper command — and
+// what the key-directory plug-in makes of a folder argument and a key name.
+// The input is split at its first newline into the word and the name; the
+// name also serves as the folder.
 #include <cstdint>
 #include <cstring>
 #include <string>
+#include <vector>
 
+#include "commandWords.h"
 #include "componentWord.h"
 #include "markforgePlugin.h"
 
@@ -23,6 +26,16 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size)
         if (component.name.empty() || component.name.size() > markforge::componentWord::MAX_NAME ||
             component.path.empty())
             __builtin_trap();
+    }
+
+    // A split command has words, and no word is longer than the text.
+    std::vector<std::string> words;
+    if (markforge::SplitCommandWords(input, words, reason)) {
+        if (words.empty()) __builtin_trap();
+        for (const std::string& split : words)
+            if (split.size() > input.size()) __builtin_trap();
+    } else if (!words.empty()) {
+        __builtin_trap();
     }
 
     markforgeRegistryRecord registry = {};

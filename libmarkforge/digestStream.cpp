@@ -2,6 +2,9 @@
 #include "digestStream.h"
 
 #include <openssl/evp.h>
+#include <unistd.h>
+
+#include <cerrno>
 
 #include <stdexcept>
 
@@ -97,6 +100,22 @@ std::vector<uint8_t> digestStream::Of(uint32_t hashId, const uint8_t* data, size
     digestStream digest(hashId);
     digest.Update(data, length);
     return digest.Final();
+}
+
+bool digestStream::OfFile(uint32_t hashId, int fd, std::vector<uint8_t>& digest)
+{
+    digestStream stream(hashId);
+    std::vector<uint8_t> block(1 << 20);
+    for (off_t at = 0;;) {
+        const ssize_t got = pread(fd, block.data(), block.size(), at);
+        if (got < 0 && errno == EINTR) continue;
+        if (got < 0) return false;
+        if (got == 0) break;
+        stream.Update(block.data(), static_cast<size_t>(got));
+        at += got;
+    }
+    digest = stream.Final();
+    return true;
 }
 
 std::vector<uint8_t> SignedDigestOf(uint32_t hashId, const std::vector<uint8_t>& contentDigest)

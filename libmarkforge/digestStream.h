@@ -44,6 +44,9 @@ public:
 
     // The one-shot digest of `data`.
     static std::vector<uint8_t> Of(uint32_t hashId, const uint8_t* data, size_t length);
+    // The digest of everything in the open file `fd`, from its first byte
+    // to its end. False, with errno set, when it cannot be read.
+    static bool OfFile(uint32_t hashId, int fd, std::vector<uint8_t>& digest);
 
 private:
     std::unique_ptr<evp_md_ctx_st, void (*)(evp_md_ctx_st*)> _context;

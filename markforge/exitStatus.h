@@ -14,6 +14,11 @@ enum class exitStatus : int {
     badInput = 3,        // an input is unreadable or malformed
     fileSystem = 4,      // a file or folder cannot be made, or a plug-in not loaded
     signingFailed = 5,   // key, signing agent or self-verification
+    // attach: the signatures folder and the requests do not match
+    signatureMissing = 6,      // a request has no NAME.sig
+    signatureExtra = 7,        // a NAME.sig answers no request
+    signatureNotForRequest = 8,  // a NAME.sig is not the key's signature over its request's value
+    imageNotRequested = 9,     // the image is not the one the requests were made for
 };
 
 // Thrown by a command to end it: the status and one line saying what failed

@@ -5,6 +5,7 @@
 
 #include <iostream>
 
+#include "attachCommand.h"
 #include "buildCommand.h"
 #include "digestStream.h"
 #include "extractCommand.h"
@@ -16,6 +17,7 @@
 #include "lbVersions.h"
 #include "markforgeVersion.h"
 #include "outputFile.h"
+#include "resignCommand.h"
 #include "verifyCommand.h"
 
 namespace markforge {
@@ -28,41 +30,106 @@ constexpr const char* EXIT_STATUS_TEXT =
     "  2  usage error\n"
     "  3  an input is unreadable or malformed\n"
     "  4  file system or plug-in error\n"
-    "  5  signing failed (key, signing agent, self-verification)\n";
+    "  5  signing failed (key, signing agent, signing helper, self-verification)\n"
+    "  6-9  attach only: see 'markforge attach --help'\n";
+
+constexpr const char* ATTACH_EXIT_STATUS_TEXT =
+    "Exit status:\n"
+    "  0  success\n"
+    "  2  usage error\n"
+    "  3  an input is unreadable or malformed\n"
+    "  4  file system error\n"
+    "  5  the finished container does not verify\n"
+    "  6  a request has no signature file NAME.sig\n"
+    "  7  a .sig file in the folder answers no request\n"
+    "  8  a signature is not the key's over its request's value (another request's, another key's)\n"
+    "  9  the image is not the one the requests were made for\n";
+
+// The signer options build and resign share.
+void AddSignerOptions(CLI::App& command, signerOptions& options)
+{
+    command.add_option("--key", options.key, "Signing key name")->required()->type_name("NAME");
+    CLI::Option* mode =
+        command
+            .add_option("--mode", options.mode,
+                        "development: a key file found by a plug-in; production: the signing agent; offline: "
+                        "unsigned output and --requests for signing elsewhere (see attach)")
+            ->check(CLI::IsMember({"development", "production", "offline"}));
+    CLI::Option* keyDir =
+        command.add_option("--key-dir", options.keyDir, "Development keys as DIR/NAME.markforge")->type_name("DIR");
+    CLI::Option* plugin =
+        command.add_option("--plugin", options.plugin, "Key-name plug-in to load")->type_name("FILE.so");
+    CLI::Option* pluginArg =
+        command.add_option("--plugin-arg", options.pluginArg, "Argument handed to the plug-in")->type_name("TEXT");
+    keyDir->excludes(plugin);
+    pluginArg->needs(plugin);
+    command
+        .add_option("--verify-key,--public-key", options.publicKey,
+                    "The signing key's public half; every signature is checked with it (production, offline and "
+                    "--signing-helper need it)")
+        ->type_name("PUBKEY");
+    command
+        .add_option("--agent-timeout", options.agentTimeout,
+                    "Production: seconds allowed for each connect, send and answer of the agent")
+        ->type_name("SECONDS");
+    CLI::Option* helper =
+        command
+            .add_option("--signing-helper", options.helper,
+                        "Sign by running CMD for each signature: value to sign on its standard input, raw signature "
+                        "on its standard output (docs/signing-outside.md)")
+            ->type_name("CMD");
+    helper->excludes(mode);
+    command.add_option("--helper-timeout", options.helperTimeout, "Seconds a signing helper may take (default 60)")
+        ->type_name("SECONDS");
+    command.add_option("--requests", options.requests, "Offline: the signing requests file to write")
+        ->type_name("REQ.json");
+    command.add_flag("--verbose", options.verbose, "Production: one line per exchange with the agent on standard error");
+    command.callback([&options, pluginArg] { options.pluginArgGiven = pluginArg->count() > 0; });
+}
 
 void AddBuildCommand(CLI::App& app, buildOptions& options)
 {
     CLI::App* build = app.add_subcommand("build", "Build and sign a container from component files");
     build->add_option("-o,--output", options.output, "Container file to write")->required()->type_name("OUT");
-    build->add_option("--key", options.key, "Signing key name")->required()->type_name("NAME");
-    build->add_option("--mode", options.mode, "development: a key file found by a plug-in; production: the signing agent")
-        ->required()
-        ->check(CLI::IsMember({"development", "production"}));
+    AddSignerOptions(*build, options.signing);
     build->add_option("--hash", options.hash, "Digest of the components (default sha256)")
         ->check(CLI::IsMember({digestStream::WordOf(lbHashId::SHA256), digestStream::WordOf(lbHashId::SHA384),
                                digestStream::WordOf(lbHashId::SHA512)}));
-    CLI::Option* keyDir =
-        build->add_option("--key-dir", options.keyDir, "Development keys as DIR/NAME.markforge")->type_name("DIR");
-    CLI::Option* plugin =
-        build->add_option("--plugin", options.plugin, "Key-name plug-in to load")->type_name("FILE.so");
-    CLI::Option* pluginArg =
-        build->add_option("--plugin-arg", options.pluginArg, "Argument handed to the plug-in")->type_name("TEXT");
-    keyDir->excludes(plugin);
-    pluginArg->needs(plugin);
     build->add_flag("--header-only", options.headerOnly, "Write only the 4096-byte header block");
     build->add_flag("--table", options.table,
                     "Add a signed table of contents (component .markforge-toc) that binds every name and place");
-    build->add_option("--verify-key", options.verifyKey,
-                      "Production (required): the release key's public half; every signature is checked with it")
-        ->type_name("PUBKEY");
-    build->add_option("--agent-timeout", options.agentTimeout,
-                      "Production: seconds allowed for each connect, send and answer of the agent")
-        ->type_name("SECONDS");
     build->add_flag("--allow-empty", options.allowEmpty, "Allow a container without components");
-    build->add_flag("--verbose", options.verbose, "Production: one line per exchange with the agent on standard error");
     build->add_option("components", options.components, "Components, in payload order")->type_name("NAME=FILE");
     build->footer(EXIT_STATUS_TEXT);
-    build->callback([&options, pluginArg] { options.pluginArgGiven = pluginArg->count() > 0; });
+}
+
+void AddResignCommand(CLI::App& app, resignOptions& options)
+{
+    CLI::App* resign = app.add_subcommand(
+        "resign", "Sign an existing container anew with another key; payload, names, places and table kept");
+    resign->add_option("file", options.file, "Container file")->required()->type_name("FILE");
+    resign->add_option("-o,--output", options.output, "Container file to write (may be FILE itself)")
+        ->required()
+        ->type_name("OUT");
+    AddSignerOptions(*resign, options.signing);
+    resign->footer(EXIT_STATUS_TEXT);
+}
+
+void AddAttachCommand(CLI::App& app, attachOptions& options)
+{
+    CLI::App* attach = app.add_subcommand(
+        "attach", "Put the signatures made elsewhere for an offline build's requests into its container");
+    attach->add_option("file", options.file, "The unsigned container (build --mode offline)")
+        ->required()
+        ->type_name("IMG.unsigned");
+    attach->add_option("--requests", options.requests, "The requests file the offline build wrote")
+        ->required()
+        ->type_name("REQ.json");
+    attach->add_option("--signatures", options.signatures, "Folder of raw signatures NAME.sig, archive.sig")
+        ->required()
+        ->type_name("DIR");
+    attach->add_option("-o,--output", options.output, "Signed container file to write")->required()->type_name("OUT");
+    attach->footer(ATTACH_EXIT_STATUS_TEXT);
 }
 
 void AddKeygenCommand(CLI::App& app, keygenOptions& options)
@@ -80,7 +147,7 @@ void AddInfoCommand(CLI::App& app, infoOptions& options)
 {
     CLI::App* info = app.add_subcommand("info", "Show what a container holds and where");
     info->add_option("file", options.file, "Container file")->required()->type_name("FILE");
-    info->add_flag("--json", options.json, "One JSON document on standard output (docs/json.md)");
+    info->add_flag("--json", options.json, "One JSON document on standard output (json.md in /usr/share/doc/markforge-tools)");
     info->add_option("--keyring", options.keyring, "Folder of public keys: name the key behind each signature")
         ->type_name("DIR");
     info->footer(EXIT_STATUS_TEXT);
@@ -93,7 +160,7 @@ void AddVerifyCommand(CLI::App& app, verifyOptions& options)
     verify->add_option("--key", options.key, "Public key: PEM (public or private), markforge key file or raw modulus")
         ->required()
         ->type_name("PUBKEY");
-    verify->add_flag("--json", options.json, "One JSON document on standard output (docs/json.md)");
+    verify->add_flag("--json", options.json, "One JSON document on standard output (json.md in /usr/share/doc/markforge-tools)");
     verify->add_flag("--require-table", options.requireTable,
                      "Fail a container without a signed table of contents (build --table)");
     verify->footer(std::string("Verdicts: ok, digest-mismatch (a good signature over other bytes), bad-signature\n"
@@ -160,7 +227,11 @@ bool Main::Run(int argc, char** argv)
     app.add_flag("-V,--version", version, "Show the versions of markforge and its libraries");
     buildOptions build;
     keygenOptions keygen;
+    resignOptions resign;
+    attachOptions attach;
     AddBuildCommand(app, build);
+    AddResignCommand(app, resign);
+    AddAttachCommand(app, attach);
     AddKeygenCommand(app, keygen);
     infoOptions info;
     verifyOptions verify;
@@ -189,6 +260,8 @@ bool Main::Run(int argc, char** argv)
     try {
         if (!OpenCrypto()) throw commandFailure(exitStatus::signingFailed, "OpenSSL's default provider cannot be loaded");
         if (app.got_subcommand("build")) buildCommand(build).Run(std::cout);
+        if (app.got_subcommand("resign")) resignCommand(resign).Run(std::cout);
+        if (app.got_subcommand("attach")) attachCommand(attach).Run(std::cout);
         if (app.got_subcommand("keygen")) keygenCommand(keygen).Run();
         if (app.got_subcommand("info")) infoCommand(info).Run(std::cout);
         if (app.got_subcommand("verify")) verifyCommand(verify).Run(std::cout);

@@ -29,7 +29,7 @@ source "$(dirname "${BASH_SOURCE[0]}")/lib.sh"
 # Every configuration of the tree needs these: the compiler, CMake, OpenSSL,
 # and the headers of CLI11, nlohmann-json and libp11 (the programs' own).
 DEMO_PACKAGES=(build-essential cmake ninja-build openssl libssl-dev pkg-config libcli11-dev nlohmann-json3-dev
-    libp11-dev)
+    libp11-dev jq xxd)
 NATIVE_PACKAGES=(
     "${DEMO_PACKAGES[@]}"
     googletest libgtest-dev libbenchmark-dev

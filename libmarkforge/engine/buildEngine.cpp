@@ -4,6 +4,7 @@
 
 #include <unistd.h>
 
+#include <algorithm>
 #include <cerrno>
 #include <cstring>
 #include <future>
@@ -53,14 +54,15 @@ public:
     {
         digestStream digest(_hashId);
         uint64_t size = 0;
-        for (;;) {
+        while (size < input.length) {
             block* next = _pipeline.Take();
-            const ssize_t got = ReadBlock(input.fd, *next, size);
+            const ssize_t got = ReadBlock(input.fd, *next, input.start + size, input.length - size);
             if (got <= 0) {
                 _pipeline.Return(next);
-                if (got == 0) break;
+                if (got == 0 && input.length == engineInput::TO_END) break;
                 failure = {engineFailure::kind::input, "component " + input.name,
-                           "cannot read component " + input.name + ": " + std::strerror(errno)};
+                           "cannot read component " + input.name + ": " +
+                               (got == 0 ? std::string("the file ends before its last byte") : std::strerror(errno))};
                 return false;
             }
             // Only the table may start with its label, so that no signed
@@ -114,11 +116,13 @@ public:
     }
 
 private:
-    static ssize_t ReadBlock(int fd, block& into, uint64_t at)
+    // Reads at most `most` bytes at `at` into one block.
+    static ssize_t ReadBlock(int fd, block& into, uint64_t at, uint64_t most)
     {
+        const size_t wanted = static_cast<size_t>(std::min<uint64_t>(into.bytes.size(), most));
         ssize_t got;
         do {
-            got = ::pread(fd, into.bytes.data(), into.bytes.size(), static_cast<off_t>(at));
+            got = ::pread(fd, into.bytes.data(), wanted, static_cast<off_t>(at));
         } while (got < 0 && errno == EINTR);
         into.length = got > 0 ? static_cast<size_t>(got) : 0;
         return got;

@@ -17,7 +17,13 @@ namespace markforge {
 
 struct engineInput {
     std::string name;
-    int fd = -1;  // open for reading; read from offset 0 to its end
+    int fd = -1;  // open for reading
+    // The component's bytes: `length` bytes from `start`, or from `start`
+    // to the file's end when `length` is TO_END. A file that ends before
+    // `start + length` is an input failure (it changed under the build).
+    uint64_t start = 0;
+    uint64_t length = TO_END;
+    static constexpr uint64_t TO_END = UINT64_MAX;
 };
 
 struct engineSettings {

@@ -24,6 +24,10 @@ public:
     bool Open(const std::string& path, std::string& reason);
     bool IsOpen() const { return _fd >= 0; }
     uint64_t Size() const { return _size; }
+    // The open file, for a reader that hands ranges of it on (the build
+    // engine re-reading a container's components after they were checked
+    // against the file's size).
+    int Fd() const { return _fd; }
 
     // True when [offset, offset + length) lies inside the file, sums that
     // wrap around included.

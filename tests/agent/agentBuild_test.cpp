@@ -88,4 +88,38 @@ TEST_F(AgentBuild, AnUnknownKeyIsRefusedAndNothingIsWritten)
     EXPECT_FALSE(testsupport::FileExists(out));
 }
 
+TEST_F(AgentBuild, ResignMovesADevelopmentContainerToTheReleaseKey)
+{
+    // A container of the development key, re-signed through the agent, is
+    // the container a production build of the same components makes.
+    const std::string devKeys = dir.file("dev-keys");
+    ASSERT_EQ(::mkdir(devKeys.c_str(), 0700), 0);
+    ASSERT_EQ(testsupport::RunMarkforge({"keygen", "--bits", "2048", "-o", devKeys + "/dev.markforge"}).status, 0);
+    const std::vector<std::string> components{"boot=" + dir.file("boot.bin"), "app=" + dir.file("app.bin")};
+    for (const char* hash : {"sha256", "sha512"}) {
+        SCOPED_TRACE(hash);
+        const std::string development = dir.file("dev.img");
+        std::vector<std::string> build{"build", "-o", development, "--key", "dev", "--mode", "development",
+                                       "--key-dir", devKeys, "--hash", hash, "--table"};
+        build.insert(build.end(), components.begin(), components.end());
+        ASSERT_EQ(testsupport::RunMarkforge(build).status, 0);
+
+        const std::string released = dir.file("released.img");
+        const ProcessResult resigned =
+            testsupport::RunMarkforge({"resign", development, "-o", released, "--key", "release", "--mode",
+                                       "production", "--verify-key", keys->file("release.pem")});
+        ASSERT_EQ(resigned.status, 0) << resigned.err;
+
+        const std::string direct = dir.file("direct.img");
+        std::vector<std::string> production{"build", "-o", direct, "--key", "release", "--mode", "production",
+                                            "--verify-key", keys->file("release.pem"), "--hash", hash, "--table"};
+        production.insert(production.end(), components.begin(), components.end());
+        ASSERT_EQ(testsupport::RunMarkforge(production).status, 0);
+        EXPECT_EQ(testsupport::ReadFile(released), testsupport::ReadFile(direct));
+        const ProcessResult checked =
+            testsupport::Run({"sh", OPENSSL_CHECK_SCRIPT, released, keys->file("release.pem")});
+        EXPECT_EQ(checked.status, 0) << checked.out << checked.err;
+    }
+}
+
 }  // namespace

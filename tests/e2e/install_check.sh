@@ -1,5 +1,6 @@
 #!/bin/sh
-# Installs the build tree into a fresh prefix and runs the installed recaster
+# Installs the build tree into a fresh prefix, checks that the documents the
+# programs point to are there, and runs the installed recaster
 # with no library path set: it must find liblockbase and libgridview through
 # its own RUNPATH. The binary in the build folder, which has the same layout,
 # must do the same.
@@ -83,6 +84,11 @@ check_library_runpath() {
 
 "$cmake" --install "$build" --prefix "$prefix" >/dev/null || fail "cmake --install"
 [ -x "$prefix/bin/recaster" ] || fail "no bin/recaster under the prefix"
+# The documents the help screens and the man page name are installed.
+for doc in container-format.md json.md plugins.md sign-agent.md signing-outside.md \
+    examples/verify-with-openssl.sh examples/sign-requests.sh; do
+    [ -s "$prefix/share/doc/markforge-tools/$doc" ] || fail "share/doc/markforge-tools/$doc is not installed"
+done
 
 if [ "$relocatable" = OFF ]; then
     check_version "$prefix/bin/recaster" installed "$prefix/$libdir" "$@"

@@ -9,9 +9,9 @@ source "$1" || exit 1
 
 source "$(dirname "$0")/../support/completionHarness.sh"
 COMPLETION_FUNCTION=_markforge
-completion_folder keys/ zImage keygen.so dev.pem
+completion_folder keys/ sigs/ zImage keygen.so dev.pem req.json
 
-expect "--help --version build extract info keygen verify" markforge ""
+expect "--help --version attach build extract info keygen resign verify" markforge ""
 expect "build" markforge bu
 expect "--help --json --keyring" markforge info zImage --
 expect "keys" markforge info zImage --keyring k
@@ -20,8 +20,8 @@ expect "dev.pem" markforge verify zImage --key d
 expect "--component --header-signature --help --output --payload" markforge extract zImage --
 expect "" markforge extract zImage --component ""
 expect "zImage" markforge extract z
-expect "--hash --header-only --help" markforge build --h
-expect "development production" markforge build --mode ""
+expect "--hash --header-only --help --helper-timeout" markforge build --h
+expect "development offline production" markforge build --mode ""
 expect "sha256 sha384 sha512" markforge build --hash ""
 expect "2048 3072 4096" markforge keygen --bits ""
 expect "--bits --help --output --public-out" markforge keygen ""
@@ -30,5 +30,13 @@ expect "keygen.so keys" markforge build --plugin key
 expect "kernel=zImage" markforge build kernel=z
 expect "dev.pem" markforge build --verify-key d
 expect "" markforge build --key ""
+expect "--requests" markforge build --req
+expect "--signing-helper" markforge resign image --sig
+expect "--help --helper-timeout" markforge resign image --he
+expect "req.json" markforge attach zImage --requests r
+expect "keys sigs" markforge attach zImage --signatures ""
+expect "--help --output --requests --signatures" markforge attach zImage --
+expect "dev.pem" markforge resign zImage --public-key d
+expect "zImage" markforge resign z
 
 completion_result
