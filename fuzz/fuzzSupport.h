@@ -11,6 +11,7 @@
 #include <cstdio>
 #include <cstdlib>
 #include <string>
+#include <vector>
 
 #include "lbBase.h"
 #include "lbGlobal.h"
@@ -18,11 +19,30 @@
 
 namespace fuzzsupport {
 
-// A file in memory-backed /dev/shm (or /tmp), unique to this process.
+// The scratch files of this process, removed when it exits: libFuzzer ends
+// a timed run with exit(), and a run that found a crash keeps its input in
+// the artifact, not here.
+inline std::vector<std::string>& ScratchFiles()
+{
+    static std::vector<std::string>* files = new std::vector<std::string>;
+    return *files;
+}
+
+inline void RemoveScratchFiles()
+{
+    for (const std::string& path : ScratchFiles()) unlink(path.c_str());
+}
+
+// A file in memory-backed /dev/shm (or /tmp), unique to this process and
+// removed at its exit.
 inline std::string ScratchPath(const char* name)
 {
+    static const bool registered = std::atexit(RemoveScratchFiles) == 0;
+    (void)registered;
     const char* dir = access("/dev/shm", W_OK) == 0 ? "/dev/shm" : "/tmp";
-    return std::string(dir) + "/markforge-fuzz-" + std::to_string(getpid()) + "-" + name;
+    const std::string path = std::string(dir) + "/markforge-fuzz-" + std::to_string(getpid()) + "-" + name;
+    ScratchFiles().push_back(path);
+    return path;
 }
 
 // Replaces the file's content with the input; aborts when it cannot, since a

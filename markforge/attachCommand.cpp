@@ -75,6 +75,18 @@ void attachCommand::ReadRequests()
     if (!_key.LoadBytes(_requests.publicKeyPem, reason)) Fail(exitStatus::badInput, _options.requests + ": " + reason);
 }
 
+void attachCommand::CheckExpectedKey() const
+{
+    if (_options.publicKey.empty()) return;
+    publicKey expected;
+    std::string reason;
+    if (!expected.Load(_options.publicKey, reason)) Fail(exitStatus::badInput, "--public-key " + reason);
+    if (expected.Fingerprint() != _key.Fingerprint())
+        Fail(exitStatus::signatureNotForRequest,
+             _options.requests + " asks for signatures by the key with SHA-256 " + LowerHex(_key.Fingerprint()) +
+                 ", not by the --public-key key (SHA-256 " + LowerHex(expected.Fingerprint()) + ")");
+}
+
 void attachCommand::ReadSignatures()
 {
     for (const signingRequest& request : _requests.requests) {
@@ -123,6 +135,7 @@ void attachCommand::CheckSignature(const signingRequest& request, const std::vec
 void attachCommand::Run(std::ostream& report)
 {
     ReadRequests();
+    CheckExpectedKey();
     ReadSignatures();
     CheckNoExtraSignatures();
     for (const signingRequest& request : _requests.requests) CheckSignature(request, _signatures.at(request.fieldF));

@@ -21,6 +21,7 @@ struct attachOptions {
     std::string requests;    // REQ.json
     std::string signatures;  // the folder of NAME.sig files
     std::string output;
+    std::string publicKey;   // optional: the key the requests must name
 };
 
 class attachCommand {
@@ -32,6 +33,7 @@ public:
 
 private:
     void ReadRequests();
+    void CheckExpectedKey() const;
     void ReadSignatures();
     void CheckNoExtraSignatures() const;
     void CheckSignature(const signingRequest& request, const std::vector<uint8_t>& signature) const;

@@ -2,6 +2,7 @@
 // one out of a command.
 #pragma once
 
+#include <initializer_list>
 #include <stdexcept>
 #include <string>
 
@@ -20,6 +21,11 @@ enum class exitStatus : int {
     signatureNotForRequest = 8,  // a NAME.sig is not the key's signature over its request's value
     imageNotRequested = 9,     // the image is not the one the requests were made for
 };
+
+// What `status` means, one line for help screens.
+const char* ExitStatusMeaning(exitStatus status);
+// The "Exit status:" table of a help screen, listing `statuses`.
+std::string ExitStatusText(std::initializer_list<exitStatus> statuses);
 
 // Thrown by a command to end it: the status and one line saying what failed
 // and what to do.

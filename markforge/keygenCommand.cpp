@@ -8,6 +8,7 @@
 #include <algorithm>
 
 #include "exitStatus.h"
+#include "hexText.h"
 #include "keyGenerator.h"
 #include "lbRsa.h"
 #include "lbScoped.h"
@@ -41,7 +42,7 @@ void WipeTexts(lockbase::RsaKeyTexts& texts)
 
 }  // namespace
 
-void keygenCommand::Run()
+void keygenCommand::Run(std::ostream& report)
 {
     CheckOutputsAreNew();
     // The outputs' folders are tried before any key object is opened, so
@@ -75,6 +76,10 @@ void keygenCommand::Run()
         unlink(_options.output.c_str());
         Fail(exitStatus::fileSystem, reason);
     }
+    // The fingerprint in the form info --keyring names keys by.
+    report << "wrote " << _options.output << " (private key, " << _options.bits << " bits, key SHA-256 "
+           << LowerHex(half.Fingerprint()) << ")\n";
+    if (!_options.publicOut.empty()) report << "wrote " << _options.publicOut << " (its public key, PEM)\n";
 }
 
 void keygenCommand::CheckOutputsAreNew() const

@@ -1,6 +1,7 @@
 // markforge::keygenCommand: `markforge keygen`, a development key pair.
 #pragma once
 
+#include <ostream>
 #include <string>
 
 class lbRsa;
@@ -22,7 +23,7 @@ public:
     // Writes the private key as a markforge key file (mode 0600) and, when
     // asked, its public half as PEM. Never overwrites a file. Throws
     // commandFailure.
-    void Run();
+    void Run(std::ostream& report);
 
 private:
     void CheckOutputsAreNew() const;

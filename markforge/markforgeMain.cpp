@@ -17,33 +17,18 @@
 #include "lbVersions.h"
 #include "markforgeVersion.h"
 #include "outputFile.h"
+#include "signAgentProtocol.h"
 #include "resignCommand.h"
 #include "verifyCommand.h"
 
 namespace markforge {
 namespace {
 
-constexpr const char* EXIT_STATUS_TEXT =
-    "Exit status:\n"
-    "  0  success\n"
-    "  1  verify found at least one problem\n"
-    "  2  usage error\n"
-    "  3  an input is unreadable or malformed\n"
-    "  4  file system or plug-in error\n"
-    "  5  signing failed (key, signing agent, signing helper, self-verification)\n"
-    "  6-9  attach only: see 'markforge attach --help'\n";
-
-constexpr const char* ATTACH_EXIT_STATUS_TEXT =
-    "Exit status:\n"
-    "  0  success\n"
-    "  2  usage error\n"
-    "  3  an input is unreadable or malformed\n"
-    "  4  file system error\n"
-    "  5  the finished container does not verify\n"
-    "  6  a request has no signature file NAME.sig\n"
-    "  7  a .sig file in the folder answers no request\n"
-    "  8  a signature is not the key's over its request's value (another request's, another key's)\n"
-    "  9  the image is not the one the requests were made for\n";
+using status = exitStatus;
+// What each subcommand can end with.
+const std::string BUILD_STATUSES =
+    ExitStatusText({status::ok, status::usage, status::badInput, status::fileSystem, status::signingFailed});
+const std::string READING_STATUSES = ExitStatusText({status::ok, status::usage, status::badInput, status::fileSystem});
 
 // The signer options build and resign share.
 void AddSignerOptions(CLI::App& command, signerOptions& options)
@@ -52,8 +37,9 @@ void AddSignerOptions(CLI::App& command, signerOptions& options)
     CLI::Option* mode =
         command
             .add_option("--mode", options.mode,
-                        "development: a key file found by a plug-in; production: the signing agent; offline: "
-                        "unsigned output and --requests for signing elsewhere (see attach)")
+                        "development: a key file found by a plug-in; production: the signing agent at " +
+                            std::string(SIGN_AGENT_ADDRESS) + ":" + std::to_string(SIGN_AGENT_PORT) +
+                            "; offline: unsigned output and --requests for signing elsewhere (see attach)")
             ->check(CLI::IsMember({"development", "production", "offline"}));
     CLI::Option* keyDir =
         command.add_option("--key-dir", options.keyDir, "Development keys as DIR/NAME.markforge")->type_name("DIR");
@@ -71,16 +57,18 @@ void AddSignerOptions(CLI::App& command, signerOptions& options)
     command
         .add_option("--agent-timeout", options.agentTimeout,
                     "Production: seconds allowed for each connect, send and answer of the agent")
-        ->type_name("SECONDS");
+        ->type_name("SECONDS")
+        ->capture_default_str();
     CLI::Option* helper =
         command
             .add_option("--signing-helper", options.helper,
                         "Sign by running CMD for each signature: value to sign on its standard input, raw signature "
-                        "on its standard output (docs/signing-outside.md)")
+                        "on its standard output (signing-outside.md in /usr/share/doc/markforge-tools)")
             ->type_name("CMD");
     helper->excludes(mode);
-    command.add_option("--helper-timeout", options.helperTimeout, "Seconds a signing helper may take (default 60)")
-        ->type_name("SECONDS");
+    command.add_option("--helper-timeout", options.helperTimeout, "Seconds each signing helper run may take")
+        ->type_name("SECONDS")
+        ->capture_default_str();
     command.add_option("--requests", options.requests, "Offline: the signing requests file to write")
         ->type_name("REQ.json");
     command.add_flag("--verbose", options.verbose, "Production: one line per exchange with the agent on standard error");
@@ -92,7 +80,8 @@ void AddBuildCommand(CLI::App& app, buildOptions& options)
     CLI::App* build = app.add_subcommand("build", "Build and sign a container from component files");
     build->add_option("-o,--output", options.output, "Container file to write")->required()->type_name("OUT");
     AddSignerOptions(*build, options.signing);
-    build->add_option("--hash", options.hash, "Digest of the components (default sha256)")
+    build->add_option("--hash", options.hash, "Digest of the components")
+        ->capture_default_str()
         ->check(CLI::IsMember({digestStream::WordOf(lbHashId::SHA256), digestStream::WordOf(lbHashId::SHA384),
                                digestStream::WordOf(lbHashId::SHA512)}));
     build->add_flag("--header-only", options.headerOnly, "Write only the 4096-byte header block");
@@ -100,7 +89,7 @@ void AddBuildCommand(CLI::App& app, buildOptions& options)
                     "Add a signed table of contents (component .markforge-toc) that binds every name and place");
     build->add_flag("--allow-empty", options.allowEmpty, "Allow a container without components");
     build->add_option("components", options.components, "Components, in payload order")->type_name("NAME=FILE");
-    build->footer(EXIT_STATUS_TEXT);
+    build->footer(BUILD_STATUSES);
 }
 
 void AddResignCommand(CLI::App& app, resignOptions& options)
@@ -112,7 +101,7 @@ void AddResignCommand(CLI::App& app, resignOptions& options)
         ->required()
         ->type_name("OUT");
     AddSignerOptions(*resign, options.signing);
-    resign->footer(EXIT_STATUS_TEXT);
+    resign->footer(BUILD_STATUSES);
 }
 
 void AddAttachCommand(CLI::App& app, attachOptions& options)
@@ -129,7 +118,12 @@ void AddAttachCommand(CLI::App& app, attachOptions& options)
         ->required()
         ->type_name("DIR");
     attach->add_option("-o,--output", options.output, "Signed container file to write")->required()->type_name("OUT");
-    attach->footer(ATTACH_EXIT_STATUS_TEXT);
+    attach->add_option("--public-key", options.publicKey,
+                       "The key the requests must be for (refused, status 8, when they name another)")
+        ->type_name("PUB");
+    attach->footer(ExitStatusText({status::ok, status::usage, status::badInput, status::fileSystem,
+                                   status::signingFailed, status::signatureMissing, status::signatureExtra,
+                                   status::signatureNotForRequest, status::imageNotRequested}));
 }
 
 void AddKeygenCommand(CLI::App& app, keygenOptions& options)
@@ -140,7 +134,7 @@ void AddKeygenCommand(CLI::App& app, keygenOptions& options)
         ->required()
         ->type_name("FILE.markforge");
     keygen->add_option("--public-out", options.publicOut, "Public key file to write (PEM)")->type_name("FILE.pem");
-    keygen->footer(EXIT_STATUS_TEXT);
+    keygen->footer(ExitStatusText({status::ok, status::usage, status::fileSystem, status::signingFailed}));
 }
 
 void AddInfoCommand(CLI::App& app, infoOptions& options)
@@ -150,7 +144,7 @@ void AddInfoCommand(CLI::App& app, infoOptions& options)
     info->add_flag("--json", options.json, "One JSON document on standard output (json.md in /usr/share/doc/markforge-tools)");
     info->add_option("--keyring", options.keyring, "Folder of public keys: name the key behind each signature")
         ->type_name("DIR");
-    info->footer(EXIT_STATUS_TEXT);
+    info->footer(READING_STATUSES);
 }
 
 void AddVerifyCommand(CLI::App& app, verifyOptions& options)
@@ -168,7 +162,8 @@ void AddVerifyCommand(CLI::App& app, verifyOptions& options)
                                "Layout: the records must cover the payload exactly, in order; every gap,\n"
                                "overlap, out-of-order record, trailing byte or repeated name is a problem.\n"
                                "Table: with a table of contents every record must match it.\n") +
-                   EXIT_STATUS_TEXT);
+                   ExitStatusText({status::ok, status::problemsFound, status::usage, status::badInput,
+                                   status::fileSystem}));
 }
 
 void AddExtractCommand(CLI::App& app, extractOptions& options)
@@ -183,7 +178,7 @@ void AddExtractCommand(CLI::App& app, extractOptions& options)
     component->excludes(signature)->excludes(payload);
     signature->excludes(payload);
     extract->add_option("-o,--output", options.output, "File to write")->required()->type_name("OUT");
-    extract->footer(EXIT_STATUS_TEXT);
+    extract->footer(READING_STATUSES);
     extract->callback([&options, component] { options.componentGiven = component->count() > 0; });
 }
 
@@ -221,7 +216,9 @@ void Main::CloseCrypto()
 bool Main::Run(int argc, char** argv)
 {
     CLI::App app("Builds, signs and checks signed firmware containers.", "markforge");
-    app.footer(EXIT_STATUS_TEXT);
+    app.footer(ExitStatusText({status::ok, status::problemsFound, status::usage, status::badInput,
+                               status::fileSystem, status::signingFailed, status::signatureMissing,
+                               status::signatureExtra, status::signatureNotForRequest, status::imageNotRequested}));
     app.require_subcommand(0, 1);
     bool version = false;
     app.add_flag("-V,--version", version, "Show the versions of markforge and its libraries");
@@ -251,7 +248,10 @@ bool Main::Run(int argc, char** argv)
         return true;
     }
     if (app.get_subcommands().empty()) {
-        std::cerr << app.help();
+        std::cerr << "markforge: a subcommand is needed\n"
+                     "Usage: markforge SUBCOMMAND [OPTIONS]...   (build, resign, attach, keygen, info, verify, "
+                     "extract)\n"
+                     "Run 'markforge --help' for what each does, 'markforge SUBCOMMAND --help' for its options.\n";
         _status = exitStatus::usage;
         return false;
     }
@@ -262,7 +262,7 @@ bool Main::Run(int argc, char** argv)
         if (app.got_subcommand("build")) buildCommand(build).Run(std::cout);
         if (app.got_subcommand("resign")) resignCommand(resign).Run(std::cout);
         if (app.got_subcommand("attach")) attachCommand(attach).Run(std::cout);
-        if (app.got_subcommand("keygen")) keygenCommand(keygen).Run();
+        if (app.got_subcommand("keygen")) keygenCommand(keygen).Run(std::cout);
         if (app.got_subcommand("info")) infoCommand(info).Run(std::cout);
         if (app.got_subcommand("verify")) verifyCommand(verify).Run(std::cout);
         if (app.got_subcommand("extract")) extractCommand(extract).Run();

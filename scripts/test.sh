@@ -42,14 +42,23 @@ build_dir() {
     echo "$dir"
 }
 
+# Every folder outside the run's own TMPDIR that tests and fuzz targets
+# write to: /tmp for those that ignore TMPDIR, /dev/shm for memory-backed
+# scratch files.
+SHARED_SCRATCH_FOLDERS=(/tmp /dev/shm)
+
 # Fails when the tests left anything behind in the run's own TMPDIR, which
-# must be empty again. A markforge-* entry made in /tmp during the run (by a
-# test that ignores TMPDIR) fails it in CI, where no other run shares the
-# machine; elsewhere another worktree's run may have made it, so it is shown.
+# must be empty again. A markforge-* entry made in a shared scratch folder
+# during the run fails it in CI, where no other run shares the machine;
+# elsewhere another worktree's run may have made it, so it is shown.
 check_no_leftovers() {
-    local tmp="$1" since="$2" left stray
+    local tmp="$1" since="$2" left stray="" found folder
     left="$(find "$tmp" -mindepth 1 -maxdepth 1)"
-    stray="$(find /tmp -mindepth 1 -maxdepth 1 -name 'markforge*' -newer "$since" ! -path "$since")"
+    for folder in "${SHARED_SCRATCH_FOLDERS[@]}"; do
+        [ -d "$folder" ] || continue
+        found="$(find "$folder" -mindepth 1 -maxdepth 1 -name 'markforge*' -newer "$since" ! -path "$since")"
+        if [ -n "$found" ]; then stray+="${stray:+$'\n'}$found"; fi
+    done
     rm -f "$since"
     if [ "${CI:-}" = true ]; then left="$left${left:+$'\n'}$stray"; fi
     if [ -n "$stray" ] && [ "${CI:-}" != true ]; then
@@ -174,10 +183,14 @@ stage_fuzz() {
     CC=clang CXX=clang++ configure_and_build "$dir" -DCMAKE_BUILD_TYPE=RelWithDebInfo -DMARKFORGE_FUZZ=ON \
         -DMARKFORGE_SANITIZE=ON -DMARKFORGE_TESTS=OFF
     note "each target runs ${FUZZ_SECONDS}s with ASan + UBSan over fuzz/corpus/<target>"
-    local failed=0
+    local failed=0 tmp="$dir/fuzz-tmp" since
+    rm -rf "$tmp"
+    mkdir -p "$tmp"
+    since="$(mktemp /tmp/markforge-run-start.XXXXXX)"
     for target in "${FUZZ_TARGETS[@]}"; do
-        fuzz_one "$dir" "$target" || failed=1
+        TMPDIR="$tmp" fuzz_one "$dir" "$target" || failed=1
     done
+    check_no_leftovers "$tmp" "$since" || failed=1
     return "$failed"
 }
 

@@ -5,6 +5,7 @@
 #include <string>
 #include <vector>
 
+#include "containerBlock.h"
 #include "fixtures.h"
 #include "testKeys.h"
 #include "testSupport.h"
@@ -207,8 +208,7 @@ protected:
 
 TEST_F(KeyConversion, RawWithLeadingZeroBytesGivesTheSamePublicKey)
 {
-    Bytes padded{0x00, 0x00};
-    padded.insert(padded.end(), keys().modulus.begin(), keys().modulus.end());
+    const Bytes padded = testblocks::Joined({0x00, 0x00}, keys().modulus);
     WriteBytes(Out("padded.raw"), padded);
     ExpectQuietSuccess(ConvertKey(Out("padded.raw"), Out("out.pem"), "raw", "pem"));
     EXPECT_EQ(ReadFile(Out("out.pem")), ReadFile(keys().pub));

@@ -51,9 +51,7 @@ void ExpectFailureWith(const ProcessResult& result, const std::string& message)
 
 Bytes Der(uint8_t tag, const Bytes& contents)
 {
-    Bytes out{tag, uint8_t(contents.size())};
-    out.insert(out.end(), contents.begin(), contents.end());
-    return out;
+    return testblocks::Joined({tag, uint8_t(contents.size())}, contents);
 }
 
 // What openssl asn1parse says about a DER signature: the trace lines the

@@ -229,14 +229,12 @@ TEST_F(Header, ClosingCanaryBeforeAnyOpeningCanaryIsSkipped)
 TEST_F(Header, DoubledFirstByteOfOpeningCanaryIsNotRetried)
 {
     const Bytes block = BlockBytes(Block{});
-    Bytes control{0x11};
-    control.insert(control.end(), block.begin(), block.end());
+    const Bytes control = testblocks::Joined({0x11}, block);
     EXPECT_EQ(Scan(Put(control)), 1u);
 
     // DE DE AD C0 DE: the second DE is the mismatching byte and is not
     // taken as a new start.
-    Bytes file{0xDE};
-    file.insert(file.end(), block.begin(), block.end());
+    const Bytes file = testblocks::Joined({0xDE}, block);
     EXPECT_EQ(Scan(Put(file)), 0u);
     ExpectRefused(file, "Unknown file format -- canary1 failed. ");
 }

@@ -35,7 +35,7 @@ expect "--signing-helper" markforge resign image --sig
 expect "--help --helper-timeout" markforge resign image --he
 expect "req.json" markforge attach zImage --requests r
 expect "keys sigs" markforge attach zImage --signatures ""
-expect "--help --output --requests --signatures" markforge attach zImage --
+expect "--help --output --public-key --requests --signatures" markforge attach zImage --
 expect "dev.pem" markforge resign zImage --public-key d
 expect "zImage" markforge resign z
 

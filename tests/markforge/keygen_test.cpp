@@ -7,6 +7,7 @@
 
 #include <string>
 
+#include "testKeys.h"
 #include "testSupport.h"
 
 namespace {
@@ -28,8 +29,12 @@ TEST_F(KeygenTest, WritesAPrivateKeyFileOfMode0600ThatOpensslAccepts)
         const std::string pub = dir.file(std::string("k") + bits + ".pem");
         const ProcessResult made = RunMarkforge({"keygen", "--bits", bits, "-o", key, "--public-out", pub});
         ASSERT_EQ(made.status, 0) << made.err;
-        EXPECT_EQ(made.out, "");
         EXPECT_EQ(made.err, "");
+        // What it wrote, with the fingerprint info --keyring names the key by.
+        const ProcessResult der = testsupport::Openssl({"pkey", "-pubin", "-in", pub, "-outform", "DER"});
+        EXPECT_EQ(made.out, "wrote " + key + " (private key, " + bits + " bits, key SHA-256 " +
+                                testsupport::OpensslDigestHex(dir.path(), "sha256", der.out) + ")\nwrote " + pub +
+                                " (its public key, PEM)\n");
         struct stat info;
         ASSERT_EQ(stat(key.c_str(), &info), 0);
         EXPECT_EQ(info.st_mode & 0777, 0600u);

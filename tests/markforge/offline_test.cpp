@@ -188,6 +188,21 @@ TEST_F(OfflineTest, ASignatureByAnotherKeyIsRefused)
     ExpectRefused(8, signatures + "/archive.sig (256 bytes) is not a signature by key dev");
 }
 
+TEST_F(OfflineTest, RequestsForAnotherKeyThanTheExpectedOneAreRefused)
+{
+    BuildAndSign();
+    const auto attach = [this](const std::string& key) {
+        return testsupport::RunMarkforge({"attach", unsigned_, "--requests", requests, "--signatures", signatures,
+                                          "-o", out, "--public-key", key});
+    };
+    const ProcessResult other = attach(otherPublicPem());
+    EXPECT_EQ(other.status, 8);
+    EXPECT_NE(other.err.find("not by the --public-key key"), std::string::npos) << other.err;
+    EXPECT_FALSE(testsupport::FileExists(out));
+    const ProcessResult same = attach(publicPem());
+    EXPECT_EQ(same.status, 0) << same.err;
+}
+
 TEST_F(OfflineTest, ShortAndDamagedSignaturesAreRefused)
 {
     BuildAndSign();
