@@ -97,6 +97,14 @@ nlohmann::ordered_json containerReport::HeaderFields() const
     return header;
 }
 
+nlohmann::ordered_json containerReport::KeyringField(const keyring& signers)
+{
+    nlohmann::ordered_json keys = nlohmann::ordered_json::array();
+    for (const keyringEntry& entry : signers.Entries())
+        keys.push_back({{"file", entry.file}, {"fingerprint", Hex(entry.fingerprint)}});
+    return {{"keys", keys}, {"skipped", signers.Skipped()}};
+}
+
 nlohmann::ordered_json containerReport::SignerField(const keyring& signers, const std::vector<uint8_t>& signature)
 {
     const keyringEntry* signer = signers.SignerOf(signature);
@@ -224,12 +232,7 @@ nlohmann::ordered_json containerReport::InfoDocument(const keyring* signers, con
         components.push_back(entry);
     }
     document["components"] = components;
-    if (signers) {
-        nlohmann::ordered_json keys = nlohmann::ordered_json::array();
-        for (const keyringEntry& entry : signers->Entries())
-            keys.push_back({{"file", entry.file}, {"fingerprint", Hex(entry.fingerprint)}});
-        document["keyring"] = {{"keys", keys}, {"skipped", signers->Skipped()}};
-    }
+    if (signers) document["keyring"] = KeyringField(*signers);
     document["bytes_before_header"] = _contents.headerOffset;
     document["layout"] = LayoutField(CheckRecordLayout(_contents));
     document["table"] = TableField(table);
@@ -262,10 +265,12 @@ void containerReport::WriteInfoText(std::ostream& out, const keyring* signers, c
             << entry.size << ", " << digestStream::NameOf(digestStream::IdForLength(entry.digest.size())) << " "
             << Hex(entry.digest) << "\n";
     WriteLeadingBytesText(out);
+    if (signers)
+        for (const std::string& skipped : signers->Skipped()) out << "keyring: skipped " << skipped << " (no key)\n";
 }
 
 nlohmann::ordered_json containerReport::VerifyDocument(const std::string& keyPath, const publicKey& key,
-                                                       const verifyResult& result) const
+                                                       const verifyResult& result, const keyring* signers) const
 {
     nlohmann::ordered_json document = Preamble("verify");
     document["key"] = {{"file", keyPath}, {"fingerprint", Hex(key.Fingerprint())}};
@@ -291,11 +296,23 @@ nlohmann::ordered_json containerReport::VerifyDocument(const std::string& keyPat
     table["required"] = result.tableRequired;
     document["table"] = table;
     document["names_signed"] = result.NamesSigned();
+    document["keyring"] = signers ? KeyringField(*signers) : nlohmann::ordered_json(nullptr);
     return document;
 }
 
-void containerReport::WriteVerifyText(std::ostream& out, const verifyResult& result) const
+nlohmann::ordered_json containerReport::NoSignerDocument(const keyring& signers) const
 {
+    nlohmann::ordered_json document = Preamble("verify");
+    document["key"] = nullptr;
+    document["header"] = HeaderFields();
+    document["problems"] = _contents.components.size() + 1;
+    document["keyring"] = KeyringField(signers);
+    return document;
+}
+
+void containerReport::WriteVerifyText(std::ostream& out, const verifyResult& result, const std::string& signedBy) const
+{
+    if (!signedBy.empty()) out << "signed by: " << signedBy << "\n";
     for (size_t i = 0; i < _contents.components.size(); ++i)
         out << "component " << i << " " << ShownName(_contents.components[i].name) << ": "
             << VerdictName(result.components[i]) << "\n";

@@ -27,10 +27,14 @@ public:
     nlohmann::ordered_json InfoDocument(const keyring* signers, const tableReport& table) const;
     void WriteInfoText(std::ostream& out, const keyring* signers, const tableReport& table) const;
 
-    // verify, under the key read from `keyPath`.
+    // verify, under the key read from `keyPath`; `signers` is the keyring
+    // it was taken from (verify --keyring), or nullptr (verify --key).
     nlohmann::ordered_json VerifyDocument(const std::string& keyPath, const publicKey& key,
-                                          const verifyResult& result) const;
-    void WriteVerifyText(std::ostream& out, const verifyResult& result) const;
+                                          const verifyResult& result, const keyring* signers = nullptr) const;
+    // `signedBy`, when not empty, is the keyring's key that verify used.
+    void WriteVerifyText(std::ostream& out, const verifyResult& result, const std::string& signedBy = "") const;
+    // verify --keyring when no key of `signers` made any of the signatures.
+    nlohmann::ordered_json NoSignerDocument(const keyring& signers) const;
 
     // One line for a person on a layout finding.
     std::string LayoutText(const layoutFinding& finding) const;
@@ -49,6 +53,7 @@ private:
     // The fields every listing of a component starts with: index, name,
     // its encoding, offset and size.
     nlohmann::ordered_json PlacedEntry(uint32_t index, const std::string& name, uint32_t offset, uint32_t size) const;
+    static nlohmann::ordered_json KeyringField(const keyring& signers);
     static nlohmann::ordered_json SignerField(const keyring& signers, const std::vector<uint8_t>& signature);
     static std::string SignerText(const keyring& signers, const std::vector<uint8_t>& signature);
     static std::string ShownName(const std::string& name);

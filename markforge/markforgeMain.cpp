@@ -151,9 +151,14 @@ void AddVerifyCommand(CLI::App& app, verifyOptions& options)
 {
     CLI::App* verify = app.add_subcommand("verify", "Check every component signature and the archive signature");
     verify->add_option("file", options.file, "Container file")->required()->type_name("FILE");
-    verify->add_option("--key", options.key, "Public key: PEM (public or private), markforge key file or raw modulus")
-        ->required()
-        ->type_name("PUBKEY");
+    CLI::Option* key =
+        verify->add_option("--key", options.key, "Public key: PEM (public or private), markforge key file or raw modulus")
+            ->type_name("PUBKEY");
+    verify
+        ->add_option("--keyring", options.keyring,
+                     "Folder of public keys (as info --keyring): verify under the one that made the signatures")
+        ->type_name("DIR")
+        ->excludes(key);
     verify->add_flag("--json", options.json, "One JSON document on standard output (json.md in /usr/share/doc/markforge-tools)");
     verify->add_flag("--require-table", options.requireTable,
                      "Fail a container without a signed table of contents (build --table)");

@@ -5,6 +5,7 @@
 #include "containerReport.h"
 #include "containerVerifier.h"
 #include "exitStatus.h"
+#include "hexText.h"
 
 namespace markforge {
 namespace {
@@ -31,24 +32,56 @@ std::string ProblemSummary(const verifyResult& result, size_t records)
 
 }  // namespace
 
+const publicKey* verifyCommand::ChooseKey(const containerContents& contents)
+{
+    if (_options.keyring.empty()) {
+        _keyPath = _options.key;
+        return &_key;
+    }
+    // The key of the archive signature, else of the first component
+    // signature one of the keys made.
+    const keyringEntry* signer = _keyring.SignerOf(contents.signature);
+    for (size_t i = 0; !signer && i < contents.components.size(); ++i)
+        signer = _keyring.SignerOf(contents.components[i].signature);
+    if (!signer) return nullptr;
+    _keyPath = _options.keyring + "/" + signer->file;
+    // As info --keyring names a key.
+    _signedBy = signer->file + " (key SHA-256 " + LowerHex(signer->fingerprint) + ")";
+    return &signer->key;
+}
+
 void verifyCommand::Run(std::ostream& out)
 {
-    publicKey key;
-    containerInput::LoadKey(key, _options.key, "--key");
+    if (_options.key.empty() == _options.keyring.empty())
+        throw commandFailure(exitStatus::usage, "verify needs one of --key PUBKEY and --keyring DIR");
+    std::string reason;
+    if (!_options.key.empty()) containerInput::LoadKey(_key, _options.key, "--key");
+    if (!_options.keyring.empty() && !_keyring.Load(_options.keyring, reason))
+        throw commandFailure(exitStatus::fileSystem, reason);
     containerReader reader;
     containerInput::Open(reader, _options.file);
+    const containerReport report(_options.file, reader.Contents());
+    const publicKey* key = ChooseKey(reader.Contents());
+    if (!key) {
+        if (_options.json)
+            out << containerReport::JsonText(report.NoSignerDocument(_keyring));
+        else
+            out << "signed by: no key in the keyring " << _options.keyring << "\n";
+        out.flush();
+        throw commandFailure(exitStatus::problemsFound,
+                             _options.file + ": no key in " + _options.keyring + " made any of its signatures");
+    }
 
     verifyResult result;
-    std::string reason;
     verifyPolicy policy;
     policy.requireTable = _options.requireTable;
-    if (!containerVerifier(reader.Contents(), reader.File(), key, policy).Run(result, reason))
+    if (!containerVerifier(reader.Contents(), reader.File(), *key, policy).Run(result, reason))
         throw commandFailure(exitStatus::fileSystem, reason);
-    const containerReport report(_options.file, reader.Contents());
+    const keyring* signers = _options.keyring.empty() ? nullptr : &_keyring;
     if (_options.json)
-        out << containerReport::JsonText(report.VerifyDocument(_options.key, key, result));
+        out << containerReport::JsonText(report.VerifyDocument(_keyPath, *key, result, signers));
     else
-        report.WriteVerifyText(out, result);
+        report.WriteVerifyText(out, result, _signedBy);
     out.flush();
     if (result.Problems() > 0)
         throw commandFailure(exitStatus::problemsFound,

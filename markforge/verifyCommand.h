@@ -5,11 +5,16 @@
 #include <ostream>
 #include <string>
 
+#include "containerReader.h"
+#include "keyring.h"
+#include "publicKey.h"
+
 namespace markforge {
 
 struct verifyOptions {
     std::string file;
-    std::string key;
+    std::string key;      // a public key file, or
+    std::string keyring;  // a folder of them: the one that made the signatures is used
     bool json = false;
     bool requireTable = false;
 };
@@ -22,7 +27,15 @@ public:
     void Run(std::ostream& out);
 
 private:
+    // The key verify uses, read from --key or found in --keyring; nullptr
+    // when no key of the keyring made any signature.
+    const publicKey* ChooseKey(const containerContents& contents);
+
     verifyOptions _options;
+    publicKey _key;
+    keyring _keyring;
+    std::string _keyPath;
+    std::string _signedBy;
 };
 
 }  // namespace markforge

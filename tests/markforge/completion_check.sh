@@ -15,7 +15,7 @@ expect "--help --version attach build extract info keygen resign verify" markfor
 expect "build" markforge bu
 expect "--help --json --keyring" markforge info zImage --
 expect "keys" markforge info zImage --keyring k
-expect "--help --json --key --require-table" markforge verify zImage --
+expect "--help --json --key --keyring --require-table" markforge verify zImage --
 expect "dev.pem" markforge verify zImage --key d
 expect "--component --header-signature --help --output --payload" markforge extract zImage --
 expect "" markforge extract zImage --component ""

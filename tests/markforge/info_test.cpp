@@ -250,10 +250,13 @@ TEST(Info, NoFileIsAUsageError)
 
 TEST(Info, HelpListsTheExitStatuses)
 {
+    // Each lists what it can end with: only verify finds problems.
     for (const char* command : {"info", "verify", "extract"}) {
         const ProcessResult r = RunMarkforge({command, "--help"});
         EXPECT_EQ(r.status, 0);
-        EXPECT_NE(r.out.find("1  verify found at least one problem"), std::string::npos) << r.out;
+        EXPECT_EQ(r.out.find("1  verify found at least one problem") != std::string::npos,
+                  std::string(command) == "verify")
+            << r.out;
         EXPECT_NE(r.out.find("3  an input is unreadable or malformed"), std::string::npos) << r.out;
     }
 }

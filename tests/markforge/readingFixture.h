@@ -233,7 +233,7 @@ inline void CheckVerifySchema(const Json& document)
     EXPECT_EQ(KeysOf(document),
               (std::vector<std::string>{"schema", "command", "file", "file_size", "key", "header", "components",
                                         "archive", "problems", "bytes_before_header", "layout", "table",
-                                        "names_signed"}));
+                                        "names_signed", "keyring"}));
     EXPECT_EQ(document["schema"], 1);
     EXPECT_EQ(document["command"], "verify");
     EXPECT_TRUE(document["file"].is_string());
