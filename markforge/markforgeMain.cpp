@@ -2,6 +2,7 @@
 #include "markforgeMain.h"
 
 #include <CLI/CLI.hpp>
+#include <openssl/crypto.h>
 
 #include <iostream>
 
@@ -71,7 +72,9 @@ void AddSignerOptions(CLI::App& command, signerOptions& options)
         ->capture_default_str();
     command.add_option("--requests", options.requests, "Offline: the signing requests file to write")
         ->type_name("REQ.json");
-    command.add_flag("--verbose", options.verbose, "Production: one line per exchange with the agent on standard error");
+    command.add_flag("--verbose", options.verbose,
+                     "On a failure, the library's error trail too; in production mode, one line per exchange with "
+                     "the agent on standard error");
     command.callback([&options, pluginArg] { options.pluginArgGiven = pluginArg->count() > 0; });
 }
 
@@ -187,6 +190,20 @@ void AddExtractCommand(CLI::App& app, extractOptions& options)
     extract->callback([&options, component] { options.componentGiven = component->count() > 0; });
 }
 
+// The version screen. A library's own version word (fixed by its sources)
+// is not the number apt and ldd show, so each library line gives its
+// SONAME and package too.
+void WriteVersions(std::ostream& out)
+{
+    const std::string package = std::string(" ") + MARKFORGE_PROGRAM_VERSION + ")\n";
+    out << "markforge " << MARKFORGE_PROGRAM_VERSION << "\n";
+    out << "libmarkforge " << markforge::VERSION << " (libmarkforge.so." << MARKFORGE_SOVERSION
+        << ", Debian package libmarkforge" << MARKFORGE_SOVERSION << package;
+    out << "lockbase " << LOCKBASE_VERSION << " (liblockbase.so." << MARKFORGE_SOVERSION
+        << ", Debian package liblockbase" << MARKFORGE_SOVERSION << package;
+    out << OpenSSL_version(OPENSSL_VERSION) << "\n";
+}
+
 // CLI11's help goes to standard output with status 0; any other complaint
 // goes to standard error as a usage error.
 exitStatus ReportParseError(CLI::App& app, const CLI::ParseError& error)
@@ -241,6 +258,11 @@ bool Main::Run(int argc, char** argv)
     AddInfoCommand(app, info);
     AddVerifyCommand(app, verify);
     AddExtractCommand(app, extract);
+    // The library's error trail (source files and lines) is for whoever
+    // asks; the one-line message and the library's own text are for all.
+    bool verbose = false;
+    for (const char* name : {"attach", "keygen", "info", "verify", "extract"})
+        app.get_subcommand(name)->add_flag("--verbose", verbose, "On a failure, the library's error trail too");
 
     try {
         app.parse(argc, argv);
@@ -248,8 +270,9 @@ bool Main::Run(int argc, char** argv)
         _status = ReportParseError(app, error);
         return _status == exitStatus::ok;
     }
+    _verbose = verbose || build.signing.verbose || resign.signing.verbose;
     if (version) {
-        lbGlobal.versions->Display(std::cout);
+        WriteVersions(std::cout);
         return true;
     }
     if (app.get_subcommands().empty()) {

@@ -13,18 +13,18 @@ completion_folder keys/ sigs/ zImage keygen.so dev.pem req.json
 
 expect "--help --version attach build extract info keygen resign verify" markforge ""
 expect "build" markforge bu
-expect "--help --json --keyring" markforge info zImage --
+expect "--help --json --keyring --verbose" markforge info zImage --
 expect "keys" markforge info zImage --keyring k
-expect "--help --json --key --keyring --require-table" markforge verify zImage --
+expect "--help --json --key --keyring --require-table --verbose" markforge verify zImage --
 expect "dev.pem" markforge verify zImage --key d
-expect "--component --header-signature --help --output --payload" markforge extract zImage --
+expect "--component --header-signature --help --output --payload --verbose" markforge extract zImage --
 expect "" markforge extract zImage --component ""
 expect "zImage" markforge extract z
 expect "--hash --header-only --help --helper-timeout" markforge build --h
 expect "development offline production" markforge build --mode ""
 expect "sha256 sha384 sha512" markforge build --hash ""
 expect "2048 3072 4096" markforge keygen --bits ""
-expect "--bits --help --output --public-out" markforge keygen ""
+expect "--bits --help --output --public-out --verbose" markforge keygen ""
 expect "keys" markforge build --key-dir k
 expect "keygen.so keys" markforge build --plugin key
 expect "kernel=zImage" markforge build kernel=z
@@ -35,7 +35,7 @@ expect "--signing-helper" markforge resign image --sig
 expect "--help --helper-timeout" markforge resign image --he
 expect "req.json" markforge attach zImage --requests r
 expect "keys sigs" markforge attach zImage --signatures ""
-expect "--help --output --public-key --requests --signatures" markforge attach zImage --
+expect "--help --output --public-key --requests --signatures --verbose" markforge attach zImage --
 expect "dev.pem" markforge resign zImage --public-key d
 expect "zImage" markforge resign z
 

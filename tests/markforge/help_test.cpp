@@ -3,6 +3,8 @@
 // subcommand can end with, and build's the defaults it uses.
 #include <gtest/gtest.h>
 
+#include <unistd.h>
+
 #include <string>
 #include <vector>
 
@@ -65,6 +67,56 @@ TEST(MarkforgeHelp, BuildShowsItsDefaults)
         ASSERT_NE(at, std::string::npos);
         const std::string line = help.substr(at, help.find('\n', at) - at);
         EXPECT_NE(line.find(std::string(option) == "--hash" ? "=sha256" : "=60"), std::string::npos) << line;
+    }
+}
+
+TEST(MarkforgeHelp, VersionNamesEachLibrarysSonameAndPackage)
+{
+    const ProcessResult run = RunMarkforge({"--version"});
+    EXPECT_EQ(run.status, 0);
+    const std::string program = std::string("markforge ") + MARKFORGE_PROGRAM_VERSION + "\n";
+    EXPECT_EQ(run.out.rfind(program, 0), 0u) << run.out;
+    for (const char* library : {"libmarkforge", "liblockbase"}) {
+        SCOPED_TRACE(library);
+        const std::string soname = std::string(library) + ".so.1";
+        EXPECT_NE(run.out.find("(" + soname + ", Debian package " + library + "1 " + MARKFORGE_PROGRAM_VERSION + ")\n"),
+                  std::string::npos)
+            << run.out;
+        // The SONAME named is the one the program loads.
+        const std::string bin = testsupport::MarkforgePath();
+        EXPECT_TRUE(testsupport::FileExists(bin.substr(0, bin.rfind("/bin/")) + "/lib/" + soname)) << soname;
+    }
+}
+
+TEST(MarkforgeMessages, NotAContainerIsOneLineAndTheLibrarysTextTheTrailOnlyWithVerbose)
+{
+    testsupport::TempDir dir;
+    const std::string file = dir.file("notes.txt");
+    testsupport::WriteFile(file, std::string(5000, 'x'));
+    const std::string expected = "markforge: " + file + " is not a markforge container\n"
+                                 "Unknown file format -- canary1 failed. \n";
+    const std::vector<std::vector<std::string>> commands{
+        {"info", file}, {"verify", file, "--key", file}, {"extract", file, "--payload", "-o", dir.file("out")}};
+    for (std::vector<std::string> command : commands) {
+        SCOPED_TRACE(command[0]);
+        if (command[0] == "verify") {
+            // A key first, so that the container is what fails.
+            ASSERT_EQ(RunMarkforge({"keygen", "--bits", "2048", "-o", dir.file("k.markforge"), "--public-out",
+                                    dir.file("k.pem")})
+                          .status,
+                      0);
+            command[3] = dir.file("k.pem");
+        }
+        const ProcessResult plain = RunMarkforge(command);
+        EXPECT_EQ(plain.status, 3);
+        EXPECT_EQ(plain.err, expected);
+        command.push_back("--verbose");
+        const ProcessResult verbose = RunMarkforge(command);
+        EXPECT_EQ(verbose.status, 3);
+        EXPECT_EQ(verbose.err.rfind(expected + "Error trail (innermost failure first):\n", 0), 0u) << verbose.err;
+        EXPECT_NE(verbose.err.find("at libmarkforge/header.cpp:"), std::string::npos);
+        ::unlink(dir.file("k.markforge").c_str());
+        ::unlink(dir.file("k.pem").c_str());
     }
 }
 
