@@ -80,8 +80,19 @@ install_packages() {
     fi
     note "installing: ${missing[*]}"
     apt_update
-    as_root apt-get install -y -qq --no-install-recommends "${missing[@]}" >/dev/null ||
+    # apt's own summary (how many packages, how much to download and how
+    # much disk) is shown; the per-package lines go to a log shown only on
+    # a failure.
+    local log
+    log="$(mktemp)"
+    if ! as_root env DEBIAN_FRONTEND=noninteractive apt-get install -y --no-install-recommends "${missing[@]}" \
+        >"$log" 2>&1; then
+        tail -n 30 "$log" >&2
+        rm -f "$log"
         die "apt-get install ${missing[*]} failed"
+    fi
+    grep -E '^[0-9]+ upgraded, |^Need to get |^After this operation' "$log" | sed 's/^/  apt: /' || true
+    rm -f "$log"
 }
 
 sysroot_complete() {

@@ -332,12 +332,17 @@ check_declared_dependencies() {
     note "every library the packaged programs and libraries load comes from a package their Depends name"
 }
 
-# Installs the amd64 packages on this machine, uses recaster from /usr/bin
-# and its man page, removes the packages and checks their files are gone.
+# Installs the amd64 packages on this machine with the one command the
+# README gives (apt resolves their dependencies on each other and on
+# Debian's packages), uses recaster from /usr/bin and its man page, removes
+# the packages and checks their files are gone.
 check_installed_debs() {
     local dir="$1" work="$1/installed-check"
     local packages=(markforge-tools libmarkforge-dev libmarkforge1 libgridview1 liblockbase1)
-    as_root dpkg -i "$dir"/packages/*.deb >/dev/null
+    as_root env DEBIAN_FRONTEND=noninteractive apt-get install -y --no-install-recommends \
+        "$dir"/packages/*_amd64.deb >"$LOGS/apt-install-debs.log" 2>&1 ||
+        die "apt-get install of the packages failed: $(tail -n 5 "$LOGS/apt-install-debs.log")"
+    note "apt-get install ./packages/*_amd64.deb installed the packages with their dependencies"
     local files
     files="$(dpkg -L "${packages[@]}" | sort -u)"
     rm -rf "$work"
@@ -352,6 +357,13 @@ check_installed_debs() {
         cmp -s "$work/key.markforge" "$MARKFORGE_ROOT/samples/rsa2048-public.markforge" ||
             die "/usr/bin/recaster wrote a different key file"
         check_installed_man_page "$dir" "$work"
+        local doc
+        for doc in container-format.md json.md plugins.md sign-agent.md signing-outside.md \
+            examples/verify-with-openssl.sh examples/sign-requests.sh; do
+            dpkg-deb -c "$dir"/packages/markforge-tools_*_amd64.deb | grep -q " ./usr/share/doc/markforge-tools/$doc\$" ||
+                die "markforge-tools does not ship /usr/share/doc/markforge-tools/$doc"
+        done
+        note "markforge-tools ships the documents its help screens and man page name"
         note "/usr/bin/recaster --version, a conversion and 'man recaster' work"
         check_installed_markforge "$work"
     ) || status=$?
