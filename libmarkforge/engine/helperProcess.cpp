@@ -4,6 +4,7 @@
 #include <fcntl.h>
 #include <poll.h>
 #include <signal.h>
+#include <sys/prctl.h>
 #include <sys/wait.h>
 #include <unistd.h>
 
@@ -71,10 +72,15 @@ std::vector<char*> PointersTo(std::vector<std::string>& texts)
     return pointers;
 }
 
-// In the child, between fork and exec: only async-signal-safe calls.
-[[noreturn]] void BecomeHelper(char** argv, char** envp, int in, int out, int err, int execStatus)
+// In the child, between fork and exec: only async-signal-safe calls. The
+// helper goes when the build does, however the build ends: its own process
+// group keeps it from the terminal's Ctrl-C, so the kernel kills it when
+// the thread that started it is gone.
+[[noreturn]] void BecomeHelper(char** argv, char** envp, int in, int out, int err, int execStatus, pid_t parent)
 {
     setpgid(0, 0);
+    prctl(PR_SET_PDEATHSIG, SIGKILL);
+    if (getppid() != parent) _exit(127);
     const int moves[3][2] = {{in, 0}, {out, 1}, {err, 2}};
     for (const auto& move : moves) {
         if (move[0] == move[1])
@@ -266,12 +272,13 @@ helperRun helperProcess::Run(const helperCall& call)
         run.startFailure = words.empty() ? "no command" : std::strerror(errno);
         return run;
     }
+    const pid_t parent = getpid();
     const pid_t pid = fork();
     if (pid < 0) {
         run.startFailure = std::strerror(errno);
         return run;
     }
-    if (pid == 0) BecomeHelper(argv.data(), envp.data(), in.read, out.write, err.write, execStatus.write);
+    if (pid == 0) BecomeHelper(argv.data(), envp.data(), in.read, out.write, err.write, execStatus.write, parent);
     setpgid(pid, pid);
     pipeEnds::CloseEnd(in.read);
     pipeEnds::CloseEnd(out.write);

@@ -5,7 +5,10 @@
 // and the end of its standard error in the message, and nothing written.
 #include <gtest/gtest.h>
 
+#include <fcntl.h>
 #include <signal.h>
+#include <sys/wait.h>
+#include <unistd.h>
 
 #include <chrono>
 #include <string>
@@ -137,6 +140,50 @@ TEST_F(SigningHelperTest, AHelperThatHangsIsKilledWithItsProcessGroup)
         if (!gone) ::usleep(10000);
     }
     EXPECT_TRUE(gone);
+}
+
+TEST_F(SigningHelperTest, AHelperDoesNotOutliveABuildThatIsStopped)
+{
+    // The helper sits in its own process group, out of reach of a
+    // terminal's Ctrl-C; a build ended by a signal takes it along.
+    const std::string pidFile = dir.file("helper.pid");
+    const std::string helper = Script("waits.sh", "echo $$ > '" + pidFile + "'\nexec sleep 300");
+    std::vector<std::string> argv = testsupport::WithEmulator(
+        {testsupport::MarkforgePath(), "build", "-o", out, "--key", "dev", "--signing-helper", helper,
+         "--public-key", publicPem(), components[0]});
+    std::vector<char*> args;
+    for (std::string& word : argv) args.push_back(&word[0]);
+    args.push_back(nullptr);
+    const pid_t build = ::fork();
+    ASSERT_GE(build, 0);
+    if (build == 0) {
+        const int null = ::open("/dev/null", O_WRONLY);
+        ::dup2(null, 1);
+        ::dup2(null, 2);
+        ::execv(args[0], args.data());
+        ::_exit(127);
+    }
+    std::string helperPid;
+    for (int i = 0; i < 3000 && helperPid.empty(); ++i) {
+        ::usleep(10000);
+        const std::string text = ReadFile(pidFile);
+        if (!text.empty() && text.back() == '\n') helperPid = text;
+    }
+    ASSERT_FALSE(helperPid.empty()) << "the helper never started";
+    ::kill(build, SIGTERM);
+    int status = 0;
+    ASSERT_EQ(::waitpid(build, &status, 0), build);
+    EXPECT_TRUE(WIFSIGNALED(status) && WTERMSIG(status) == SIGTERM);
+    const pid_t waiting = static_cast<pid_t>(std::stol(helperPid));
+    bool gone = false;
+    for (int i = 0; i < 1000 && !gone; ++i) {
+        gone = ::kill(waiting, 0) != 0 ||
+               ReadFile("/proc/" + std::to_string(waiting) + "/stat").find(") Z") != std::string::npos;
+        if (!gone) ::usleep(10000);
+    }
+    EXPECT_TRUE(gone) << "helper " << waiting << " outlived the build";
+    if (!gone) ::kill(waiting, SIGKILL);
+    EXPECT_EQ(ReadFile(out), "the previous container");
 }
 
 TEST_F(SigningHelperTest, GarbageShortAndForeignAnswersAreRefused)
