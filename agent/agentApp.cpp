@@ -1,6 +1,8 @@
 // Start-up, check mode, serving and shutdown.
 #include "agentApp.h"
 
+#include "auditChain.h"
+
 #include <poll.h>
 #include <pwd.h>
 #include <signal.h>
@@ -73,21 +75,28 @@ int AgentApp::Fail(const std::string& reason)
 
 int AgentApp::Run(const AgentOptions& options)
 {
+    if (!options.verifyAudit.empty()) return VerifyAudit(options.verifyAudit);
     std::string error;
     if (!_log.Open(options.auditLog, error)) return Fail(error);
     if (!LoadKeys(options, error)) return Fail(error);
+    // A serving agent's log goes on with when it started and what it
+    // serves ("open"; "reopen" after SIGHUP); --check logs only the files it
+    // skipped.
+    const bool serving = !options.check && !_keys.Empty();
+    if (serving) {
+        nlohmann::ordered_json opened{{"event", "open"}};
+        opened.update(StartFields());
+        _log.Write(opened);
+    }
+    for (const auto& file : _skipped)
+        _log.Write({{"event", "skipped"}, {"file", file}, {"reason", "not a valid key name"}});
     if (_keys.Empty()) return Fail("no keys to serve");
     return options.check ? Check() : Serve(options);
 }
 
 bool AgentApp::LoadKeys(const AgentOptions& options, std::string& error)
 {
-    if (!options.keyDir.empty()) {
-        std::vector<std::string> skipped;
-        if (!KeyDirectory::Load(options.keyDir, _keys, skipped, error)) return false;
-        for (const auto& file : skipped)
-            _log.Write({{"event", "skipped"}, {"file", file}, {"reason", "not a valid key name"}});
-    }
+    if (!options.keyDir.empty() && !KeyDirectory::Load(options.keyDir, _keys, _skipped, error)) return false;
     if (!options.pkcs11Module.empty()) {
         std::string pin;
         if (!PinFile::Read(options.pinFile, pin, error)) return false;
@@ -97,6 +106,36 @@ bool AgentApp::LoadKeys(const AgentOptions& options, std::string& error)
         if (!opened || !_token->AddKeys(_keys, error)) return false;
     }
     return true;
+}
+
+nlohmann::ordered_json AgentApp::StartFields() const
+{
+    nlohmann::ordered_json keys = nlohmann::ordered_json::array();
+    for (const AgentKey* key : _keys.Keys()) keys.push_back({{"name", key->Name()}, {"fingerprint", key->Fingerprint()}});
+    return {{"started", _started}, {"keys", keys}};
+}
+
+// Reads each file line by line, oldest file first, through one chain check.
+int AgentApp::VerifyAudit(const std::vector<std::string>& files)
+{
+    AuditChainCheck chain;
+    for (const std::string& file : files) {
+        std::ifstream in(file, std::ios::binary);
+        if (!in) return Fail("cannot read " + file + ": " + std::strerror(errno));
+        chain.NextFile();
+        std::string line;
+        while (std::getline(in, line)) {
+            if (!chain.Add(line)) {
+                std::cout << file << ": line " << chain.LineInFile() << " breaks the chain: " << chain.Failure()
+                          << std::endl;
+                return 1;
+            }
+        }
+    }
+    std::cout << chain.Lines() << (chain.Lines() == 1 ? " line, " : " lines, ") << chain.Signatures()
+              << (chain.Signatures() == 1 ? " signature" : " signatures") << "; the chain holds; last hash "
+              << (chain.LastHash().empty() ? "none" : chain.LastHash()) << std::endl;
+    return 0;
 }
 
 int AgentApp::Check() const
@@ -142,9 +181,12 @@ void AgentApp::Control(int controlFd, int stopFd, const AgentServer& server)
         if (::read(controlFd, &info, sizeof info) != sizeof info) continue;
         if (info.ssi_signo == SIGHUP) {
             std::string error;
+            // The new file starts with the start time and keys, chained to
+            // the last line of the file before.
             const bool reopened = _log.Reopen(error);
             nlohmann::ordered_json line{{"event", "reopen"}, {"signal", "SIGHUP"}, {"result", reopened ? "reopened" : "kept"}};
             if (!reopened) line["reason"] = error;
+            line.update(StartFields());
             _log.Write(line);
         } else {
             _log.Write({{"event", "status"},

@@ -23,6 +23,10 @@ public:
 
 private:
     bool LoadKeys(const AgentOptions& options, std::string& error);
+    // What the first line of each audit log file names: when the agent
+    // started and the keys it serves.
+    nlohmann::ordered_json StartFields() const;
+    static int VerifyAudit(const std::vector<std::string>& files);
     int Check() const;
     int Serve(const AgentOptions& options);
     void Control(int controlFd, int stopFd, const class AgentServer& server);
@@ -30,6 +34,8 @@ private:
     static int Fail(const std::string& reason);
 
     AuditLog _log;
+    std::string _started = AuditLog::Now();
+    std::vector<std::string> _skipped;  // key folder files that name no key
     // Declared before the store: the token's keys must go first.
     std::unique_ptr<Pkcs11Token> _token;
     KeyStore _keys;

@@ -37,6 +37,10 @@ int AgentOptions::Parse(int argc, char** argv)
         ->capture_default_str();
     app.add_option("--audit-log", auditLog, "Append the audit log to this file (default: standard error)");
     app.add_flag("--check", check, "Load the keys, print their names and fingerprints, and exit");
+    app.add_option("--verify-audit", verifyAudit,
+                   "Check the hash chain of these audit log files (oldest first), print the count of lines and "
+                   "signatures, and exit (1 at the first line that breaks it)")
+        ->type_name("FILE");
     try {
         app.parse(argc, argv);
     } catch (const CLI::Success& e) {
@@ -45,6 +49,7 @@ int AgentOptions::Parse(int argc, char** argv)
         app.exit(e);
         return 2;
     }
+    if (!verifyAudit.empty()) return -1;
     if (keyDir.empty() && pkcs11Module.empty()) {
         std::cerr << "markforge-agent: give --key-dir or --pkcs11-module (see --help)\n";
         return 2;

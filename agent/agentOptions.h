@@ -23,6 +23,7 @@ struct AgentOptions {
     double readTimeout = 5.0;  // seconds
     std::string auditLog;
     bool check = false;
+    std::vector<std::string> verifyAudit;  // audit log files whose chain to check, in order
 
     // Parses the command line. Returns -1 to go on, otherwise the exit
     // status (0 after --help or --version, 2 after a usage error, with the

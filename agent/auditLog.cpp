@@ -1,6 +1,8 @@
 // The audit log writer.
 #include "auditLog.h"
 
+#include "auditChain.h"
+
 #include <sys/time.h>
 
 #include <cerrno>
@@ -33,11 +35,16 @@ AuditLog::~AuditLog()
 bool AuditLog::Open(const std::string& path, std::string& error)
 {
     if (path.empty()) return true;
+    bool cut = false;
+    _last = AuditChain::LastHashOf(path, cut);
     FILE* file = std::fopen(path.c_str(), "ae");
     if (!file) {
         error = "cannot open the audit log " + path + ": " + std::strerror(errno);
         return false;
     }
+    // A line cut short (the machine stopped mid-write) stays a line of its
+    // own, which the chain names as it is.
+    if (cut) std::fputc('\n', file);
     _file = file;
     _path = path;
     return true;
@@ -61,11 +68,14 @@ void AuditLog::Write(const nlohmann::ordered_json& line)
 {
     nlohmann::ordered_json stamped{{"time", Now()}};
     stamped.update(line);
+    std::lock_guard<std::mutex> lock(_mutex);
+    stamped["prev"] = _last.empty() ? nlohmann::ordered_json(nullptr) : nlohmann::ordered_json(_last);
     // Replacement, not an exception, for bytes that are not UTF-8: a client
     // must never be able to stop the log.
-    const std::string text = stamped.dump(-1, ' ', false, nlohmann::json::error_handler_t::replace) + "\n";
-    std::lock_guard<std::mutex> lock(_mutex);
+    const std::string text = stamped.dump(-1, ' ', false, nlohmann::json::error_handler_t::replace);
+    _last = AuditChain::HashOf(text);
     std::fwrite(text.data(), 1, text.size(), _file);
+    std::fputc('\n', _file);
     std::fflush(_file);
 }
 

@@ -1,5 +1,6 @@
 // The audit log: one JSON line per request or event, on standard error or
-// appended to a file, flushed line by line. Safe to call from any thread.
+// appended to a file, flushed line by line, each line chained to the one
+// before it by its hash (auditChain.h). Safe to call from any thread.
 #pragma once
 
 #include <cstdio>
@@ -31,14 +32,16 @@ public:
     AuditLog(const AuditLog&) = delete;
     AuditLog& operator=(const AuditLog&) = delete;
 
-    // Appends to `path`; empty means standard error. False with the reason
-    // in `error` when the file cannot be opened.
+    // Appends to `path`; empty means standard error. The chain goes on from
+    // the file's last line. False with the reason in `error` when the file
+    // cannot be opened.
     bool Open(const std::string& path, std::string& error);
     // Opens the file again by its path, for log rotation: lines after this
     // go to whatever file now has that name. Nothing to do on standard
     // error. False with the reason in `error`; the old file is kept then.
     bool Reopen(std::string& error);
-    // Writes `line` (a "time" member is put first) and flushes.
+    // Writes `line` (a "time" member is put first, "prev" last) and
+    // flushes.
     void Write(const nlohmann::ordered_json& line);
 
     // The current time as UTC ISO 8601 text with microseconds.
@@ -48,6 +51,7 @@ private:
     std::mutex _mutex;
     std::string _path;
     FILE* _file = stderr;
+    std::string _last;  // the hash of the last line written; empty before the first
 };
 
 }  // namespace agent

@@ -19,7 +19,7 @@ source "$(dirname "${BASH_SOURCE[0]}")/lib.sh"
 STAGES="${MARKFORGE_STAGES:-native sanitize fuzz arm package}"
 FUZZ_SECONDS="${FUZZ_SECONDS:-60}"
 FUZZ_TARGETS=(header_fuzz der_sig_fuzz hex_string_fuzz key_file_fuzz pem_key_fuzz public_key_fuzz build_words_fuzz
-    sign_request_fuzz container_fuzz table_fuzz requests_fuzz)
+    sign_request_fuzz container_fuzz table_fuzz requests_fuzz audit_chain_fuzz)
 LOGS="$MARKFORGE_ROOT/build-logs"
 
 # Any sanitizer report ends the process with status 86, which no test

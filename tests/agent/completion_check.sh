@@ -10,6 +10,7 @@ COMPLETION_FUNCTION=_markforge_agent
 completion_folder keys/ keys/release.markforge keys/dev.pem keys/notes.txt libsofthsm2.so pin
 
 expect "--check" markforge-agent --ch
+expect "--verify-audit --version" markforge-agent --ve
 expect "--key-dir" markforge-agent --key-
 expect "keys" markforge-agent --key-dir k
 expect "keys libsofthsm2.so" markforge-agent --pkcs11-module ""
