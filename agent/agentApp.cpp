@@ -165,6 +165,25 @@ bool AgentApp::ResolveUsers(const std::vector<std::string>& names, std::set<uid_
     return true;
 }
 
+bool AgentApp::ResolveKeyUsers(const std::vector<std::string>& pairs, std::map<std::string, std::set<uid_t>>& keyUsers,
+                               std::string& error) const
+{
+    for (const std::string& pair : pairs) {
+        const size_t colon = pair.find(':');
+        const std::string key = pair.substr(0, colon);
+        if (colon == std::string::npos || key.empty() || colon + 1 == pair.size()) {
+            error = "--allow-key-user " + pair + " is not KEY:USER";
+            return false;
+        }
+        if (!_keys.Find(key)) {
+            error = "--allow-key-user " + pair + " names key " + key + ", which the agent does not serve";
+            return false;
+        }
+        if (!ResolveUsers({pair.substr(colon + 1)}, keyUsers[key], error)) return false;
+    }
+    return true;
+}
+
 // SIGHUP reopens the audit log (after rotation), SIGUSR1 logs the counts;
 // each is logged. Ends when the stop descriptor becomes readable (it is
 // left unread for the serving loops).
@@ -208,11 +227,14 @@ int AgentApp::Serve(const AgentOptions& options)
     settings.maxConnections = options.maxConnections;
     settings.maxConnectionsPerUser = options.maxConnectionsPerUser;
     settings.readTimeout = std::chrono::milliseconds(static_cast<long long>(options.readTimeout * 1000));
+    settings.rateLimit = options.rateLimit;
+    std::map<std::string, std::set<uid_t>> keyUsers;
+    if (!ResolveKeyUsers(options.allowKeyUsers, keyUsers, error)) return Fail(error);
 
     int controlFd = -1;
     const int stopFd = BlockSignals(controlFd);
     if (stopFd < 0 || controlFd < 0) return Fail(std::string("signalfd: ") + std::strerror(errno));
-    const KeyPolicy policy(options.allowKeys);
+    const KeyPolicy policy(options.allowKeys, keyUsers);
     AgentServer server(settings, _keys, policy, _log);
     if (!server.Listen(error)) return Fail(error);
     if (!server.OwnerLookupWorks(error)) {
@@ -220,6 +242,7 @@ int AgentApp::Serve(const AgentOptions& options)
         // Without it no client could be told apart: fail at start rather
         // than refuse every request.
         if (!settings.allowedUsers.empty()) return Fail("--allow-user cannot be honoured: " + unknownOwners);
+        if (policy.NamesUsers()) return Fail("--allow-key-user cannot be honoured: " + unknownOwners);
         _log.Write({{"event", "notice"}, {"reason", unknownOwners + "; every request line has uid null"}});
     }
     if (!options.portFile.empty() && !WritePortFile(options.portFile, server.Port(), error)) return Fail(error);

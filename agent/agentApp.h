@@ -3,6 +3,7 @@
 // summary.
 #pragma once
 
+#include <map>
 #include <memory>
 #include <set>
 #include <string>
@@ -31,6 +32,9 @@ private:
     int Serve(const AgentOptions& options);
     void Control(int controlFd, int stopFd, const class AgentServer& server);
     static bool ResolveUsers(const std::vector<std::string>& names, std::set<uid_t>& uids, std::string& error);
+    // --allow-key-user KEY:USER, each KEY one the agent serves.
+    bool ResolveKeyUsers(const std::vector<std::string>& pairs, std::map<std::string, std::set<uid_t>>& keyUsers,
+                         std::string& error) const;
     static int Fail(const std::string& reason);
 
     AuditLog _log;

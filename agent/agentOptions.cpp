@@ -35,6 +35,13 @@ int AgentOptions::Parse(int argc, char** argv)
     app.add_option("--read-timeout", readTimeout, "Seconds a client has to send its request")
         ->check(CLI::Range(0.001, 3600.0))
         ->capture_default_str();
+    app.add_option("--allow-key-user", allowKeyUsers,
+                   "Serve key KEY only to USER (name or uid; repeatable); keys named nowhere stay open to every "
+                   "user let in")
+        ->type_name("KEY:USER");
+    app.add_option("--rate-limit", rateLimit, "Signatures per minute one user may have (default: no limit)")
+        ->type_name("N")
+        ->check(CLI::Range(size_t(1), size_t(1000000000)));
     app.add_option("--audit-log", auditLog, "Append the audit log to this file (default: standard error)");
     app.add_flag("--check", check, "Load the keys, print their names and fingerprints, and exit");
     app.add_option("--verify-audit", verifyAudit,

@@ -15,6 +15,8 @@ struct AgentOptions {
     std::string pinFile;  // "-": standard input
     std::vector<std::string> allowKeys;
     std::vector<std::string> allowUsers;
+    std::vector<std::string> allowKeyUsers;  // KEY:USER
+    size_t rateLimit = 0;                    // signatures per minute per user; 0: off
     unsigned short port = markforge::SIGN_AGENT_PORT;
     std::string portFile;
     size_t workers = 0;  // 0: one per core

@@ -18,6 +18,8 @@
 #include "auditLog.h"
 #include "keyStore.h"
 
+#include "keyPolicy.h"
+#include "rateLimit.h"
 #include "signAgentProtocol.h"
 
 namespace agent {
@@ -31,13 +33,14 @@ struct ServerSettings {
     size_t maxConnectionsPerUser = 0;
     std::chrono::milliseconds readTimeout{5000};
     std::set<uid_t> allowedUsers;  // empty: every user
+    size_t rateLimit = 0;          // signatures per minute per user; 0: no limit
 };
 
 // What every serving loop shares: the settings, the keys and the log, the
 // listener, and the counts that hold across loops.
 struct ServerShared {
     ServerShared(ServerSettings settings, const KeyStore& keys, const KeyPolicy& policy, AuditLog& log)
-        : settings(std::move(settings)), keys(keys), policy(policy), log(log)
+        : settings(std::move(settings)), keys(keys), policy(policy), log(log), rate(this->settings.rateLimit)
     {
     }
 
@@ -45,6 +48,7 @@ struct ServerShared {
     const KeyStore& keys;
     const KeyPolicy& policy;
     AuditLog& log;
+    RateLimit rate;
     int listener = -1;
     sockaddr_in address{};
     // Whether the kernel names connection owners here at all (checked at

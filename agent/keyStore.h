@@ -27,14 +27,4 @@ private:
     std::map<std::string, std::unique_ptr<AgentKey>> _keys;
 };
 
-// Which key names may be served: every one when no name was given.
-class KeyPolicy {
-public:
-    explicit KeyPolicy(const std::vector<std::string>& allowed) : _allowed(allowed.begin(), allowed.end()) {}
-    bool Allows(const std::string& name) const { return _allowed.empty() || _allowed.count(name) != 0; }
-
-private:
-    std::set<std::string> _allowed;
-};
-
 }  // namespace agent

@@ -247,16 +247,19 @@ void ServingLoop::DropExpired()
 
 void ServingLoop::Serve(Connection& connection, const SignRequest& request)
 {
-    std::string reason;
-    std::vector<uint8_t> signature;
+    // The policy first, then the key, then the user's allowance: a refused
+    // request takes nothing of it.
+    const long long uid = connection.record.uid;
     const AgentKey* key = _shared.keys.Find(request.keyName);
-    if (!_shared.policy.Allows(request.keyName))
-        reason = "key not allowed";
-    else if (!key)
-        reason = "unknown key";
-    else if (key->Sign(request.digest, signature, reason) &&
-             ::send(connection.fd, signature.data(), signature.size(), MSG_NOSIGNAL) !=
-                 static_cast<ssize_t>(signature.size()))
+    std::string reason = _shared.policy.Refusal(request.keyName, uid);
+    if (reason.empty() && !key) reason = "unknown key";
+    if (reason.empty() && !_shared.rate.Take(uid))
+        reason = "rate limit: more than " + std::to_string(_shared.rate.PerMinute()) + " signatures in a minute for " +
+                 (uid < 0 ? std::string("unknown owners") : "user " + std::to_string(uid));
+    std::vector<uint8_t> signature;
+    if (reason.empty() && key->Sign(request.digest, signature, reason) &&
+        ::send(connection.fd, signature.data(), signature.size(), MSG_NOSIGNAL) !=
+            static_cast<ssize_t>(signature.size()))
         reason = std::string("sending the signature failed: ") + std::strerror(errno);
     Finish(connection, reason);
 }

@@ -6,6 +6,7 @@
 #include <poll.h>
 #include <pwd.h>
 #include <signal.h>
+#include <sys/stat.h>
 #include <sys/wait.h>
 #include <unistd.h>
 
@@ -174,6 +175,44 @@ protected:
     const Bytes request = agenttest::MakeRequest("dev", Pattern(32), agenttest::Arguments(32));
 };
 
+// A folder with the suite's key as "dev" and as "release".
+std::string TwoKeyFolder(const testsupport::TempDir& dir, const std::string& pem)
+{
+    const std::string folder = dir.file("two-keys");
+    ::mkdir(folder.c_str(), 0700);
+    testsupport::WriteFile(folder + "/dev.pem", testsupport::ReadFile(pem));
+    testsupport::WriteFile(folder + "/release.pem", testsupport::ReadFile(pem));
+    return folder;
+}
+
+TEST_F(AgentUsers, AKeyNamedForUsersIsServedToThemAlone)
+{
+    std::string error;
+    ASSERT_TRUE(agent.Start({"--key-dir", TwoKeyFolder(dir, key.privatePem), "--allow-key-user", "release:root"},
+                            error))
+        << error;
+    const Bytes release = agenttest::MakeRequest("release", Pattern(32), agenttest::Arguments(32));
+    EXPECT_EQ(AnswerSizeAs(nobodyUid, nobodyGid, agent.Port(), release), 0);
+    const nlohmann::json refused = LastRequest();
+    EXPECT_EQ(refused["reason"], "key release is not for user " + std::to_string(nobodyUid));
+    EXPECT_EQ(refused["uid"], nobodyUid);
+    // The development key, named for nobody, stays open to everyone.
+    EXPECT_EQ(AsNobody(), 256);
+    EXPECT_EQ(AnswerSizeAs(0, 0, agent.Port(), release), 256);
+}
+
+TEST_F(AgentUsers, TheRateLimitCountsEachUserApart)
+{
+    StartAgent({}, {"--rate-limit", "2"});
+    EXPECT_EQ(AsRoot(), 256);
+    EXPECT_EQ(AsRoot(), 256);
+    EXPECT_EQ(AsRoot(), 0);
+    EXPECT_EQ(LastRequest()["reason"], "rate limit: more than 2 signatures in a minute for user 0");
+    EXPECT_EQ(AsNobody(), 256);
+    agent.Stop();
+    EXPECT_EQ(RefusalsFor("rate limit:"), 1u);
+}
+
 TEST_F(AgentUsers, EveryUserWithoutTheOption)
 {
     StartAgent({});
@@ -245,6 +284,29 @@ TEST_F(AgentUsersAtStart, UnknownUserNameStopsTheStart)
     std::string error;
     EXPECT_FALSE(agent.Start({"--key-dir", Folder(), "--allow-user", "no-such-user-x"}, error));
     EXPECT_NE(error.find("unknown user no-such-user-x"), std::string::npos) << error;
+}
+
+TEST_F(AgentUsersAtStart, AllowKeyUserNamesAServedKeyAndAUser)
+{
+    std::string error;
+    EXPECT_FALSE(agent.Start({"--key-dir", Folder(), "--allow-key-user", "release:root"}, error));
+    EXPECT_NE(error.find("--allow-key-user release:root names key release, which the agent does not serve"),
+              std::string::npos)
+        << error;
+    EXPECT_FALSE(agent.Start({"--key-dir", Folder(), "--allow-key-user", "dev"}, error));
+    EXPECT_NE(error.find("--allow-key-user dev is not KEY:USER"), std::string::npos) << error;
+    EXPECT_FALSE(agent.Start({"--key-dir", Folder(), "--allow-key-user", "dev:no-such-user-x"}, error));
+    EXPECT_NE(error.find("unknown user no-such-user-x"), std::string::npos) << error;
+}
+
+TEST_F(AgentUsersAtStart, AllowKeyUserNeedsOwnerLookups)
+{
+    std::string why, error;
+    const bool works = agenttest::OwnerLookupWorks(why);
+    EXPECT_EQ(agent.Start({"--key-dir", Folder(), "--allow-key-user", "dev:root"}, error), works) << error;
+    if (!works) {
+        EXPECT_NE(error.find("--allow-key-user cannot be honoured"), std::string::npos) << error;
+    }
 }
 
 // Where the kernel does not name owners (qemu's user mode in the ARM stage),
