@@ -160,7 +160,7 @@ TEST_F(SigningHelperTest, AHelperDoesNotOutliveABuildThatIsStopped)
         const int null = ::open("/dev/null", O_WRONLY);
         ::dup2(null, 1);
         ::dup2(null, 2);
-        ::execv(args[0], args.data());
+        ::execvp(args[0], args.data());
         ::_exit(127);
     }
     std::string helperPid;
