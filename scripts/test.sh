@@ -357,10 +357,13 @@ check_installed_debs() {
         cmp -s "$work/key.markforge" "$MARKFORGE_ROOT/samples/rsa2048-public.markforge" ||
             die "/usr/bin/recaster wrote a different key file"
         check_installed_man_page "$dir" "$work"
-        local doc
+        local doc listing
+        # The listing is read whole first: grep -q stopping early would
+        # break dpkg-deb's pipe.
+        listing="$(dpkg-deb -c "$dir"/packages/markforge-tools_*_amd64.deb)"
         for doc in container-format.md json.md plugins.md sign-agent.md signing-outside.md \
             examples/verify-with-openssl.sh examples/sign-requests.sh; do
-            dpkg-deb -c "$dir"/packages/markforge-tools_*_amd64.deb | grep -q " ./usr/share/doc/markforge-tools/$doc\$" ||
+            grep -q " ./usr/share/doc/markforge-tools/$doc\$" <<<"$listing" ||
                 die "markforge-tools does not ship /usr/share/doc/markforge-tools/$doc"
         done
         note "markforge-tools ships the documents its help screens and man page name"
