@@ -119,7 +119,12 @@ std::string containerReport::SignerText(const keyring& signers, const std::vecto
 {
     const keyringEntry* signer = signers.SignerOf(signature);
     if (!signer) return "no key in the keyring verifies it";
-    return signer->file + " (key SHA-256 " + Hex(signer->fingerprint) + ")";
+    return KeyText(*signer);
+}
+
+std::string containerReport::KeyText(const keyringEntry& key)
+{
+    return key.file + " (key SHA-256 " + Hex(key.fingerprint) + ")";
 }
 
 std::string containerReport::ComponentText(uint32_t index) const

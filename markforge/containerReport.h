@@ -46,6 +46,9 @@ public:
     static bool IsPrintable(const std::string& bytes);
     static std::string Hex(const std::vector<uint8_t>& bytes);
 
+    // A keyring's key as the reports name it: "FILE (key SHA-256 HEX)".
+    static std::string KeyText(const keyringEntry& key);
+
 private:
     nlohmann::ordered_json Preamble(const char* command) const;
     nlohmann::ordered_json HeaderFields() const;

@@ -5,7 +5,6 @@
 #include "containerReport.h"
 #include "containerVerifier.h"
 #include "exitStatus.h"
-#include "hexText.h"
 
 namespace markforge {
 namespace {
@@ -45,8 +44,7 @@ const publicKey* verifyCommand::ChooseKey(const containerContents& contents)
         signer = _keyring.SignerOf(contents.components[i].signature);
     if (!signer) return nullptr;
     _keyPath = _options.keyring + "/" + signer->file;
-    // As info --keyring names a key.
-    _signedBy = signer->file + " (key SHA-256 " + LowerHex(signer->fingerprint) + ")";
+    _signedBy = containerReport::KeyText(*signer);
     return &signer->key;
 }
 
