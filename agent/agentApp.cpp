@@ -4,7 +4,6 @@
 #include "auditChain.h"
 
 #include <poll.h>
-#include <pwd.h>
 #include <signal.h>
 #include <sys/signalfd.h>
 #include <unistd.h>
@@ -17,8 +16,8 @@
 #include <thread>
 
 #include "agentServer.h"
-#include "keyDirectory.h"
-#include "pinFile.h"
+#include "metricsFile.h"
+#include "userNames.h"
 
 namespace agent {
 namespace {
@@ -78,7 +77,7 @@ int AgentApp::Run(const AgentOptions& options)
     if (!options.verifyAudit.empty()) return VerifyAudit(options.verifyAudit);
     std::string error;
     if (!_log.Open(options.auditLog, error)) return Fail(error);
-    if (!LoadKeys(options, error)) return Fail(error);
+    if (!_sources.Load(options, _keys, error)) return Fail(error);
     // A serving agent's log goes on with when it started and what it
     // serves ("open"; "reopen" after SIGHUP); --check logs only the files it
     // skipped.
@@ -88,24 +87,10 @@ int AgentApp::Run(const AgentOptions& options)
         opened.update(StartFields());
         _log.Write(opened);
     }
-    for (const auto& file : _skipped)
+    for (const auto& file : _sources.Skipped())
         _log.Write({{"event", "skipped"}, {"file", file}, {"reason", "not a valid key name"}});
     if (_keys.Empty()) return Fail("no keys to serve");
     return options.check ? Check() : Serve(options);
-}
-
-bool AgentApp::LoadKeys(const AgentOptions& options, std::string& error)
-{
-    if (!options.keyDir.empty() && !KeyDirectory::Load(options.keyDir, _keys, _skipped, error)) return false;
-    if (!options.pkcs11Module.empty()) {
-        std::string pin;
-        if (!PinFile::Read(options.pinFile, pin, error)) return false;
-        _token = std::make_unique<Pkcs11Token>();
-        const bool opened = _token->Open(options.pkcs11Module, options.token, pin, error);
-        std::fill(pin.begin(), pin.end(), '\0');
-        if (!opened || !_token->AddKeys(_keys, error)) return false;
-    }
-    return true;
 }
 
 nlohmann::ordered_json AgentApp::StartFields() const
@@ -140,48 +125,16 @@ int AgentApp::VerifyAudit(const std::vector<std::string>& files)
 
 int AgentApp::Check() const
 {
-    for (const AgentKey* key : _keys.Keys()) std::cout << key->Name() << ' ' << key->Fingerprint() << '\n';
+    // A token's keys with the URI that names each exactly.
+    const auto uris = _sources.TokenKeyUris();
+    for (const AgentKey* key : _keys.Keys()) {
+        std::cout << key->Name() << ' ' << key->Fingerprint();
+        const auto uri = uris.find(key->Name());
+        if (uri != uris.end()) std::cout << ' ' << uri->second;
+        std::cout << '\n';
+    }
     std::cout.flush();
     return std::cout ? 0 : 1;
-}
-
-bool AgentApp::ResolveUsers(const std::vector<std::string>& names, std::set<uid_t>& uids, std::string& error)
-{
-    for (const auto& name : names) {
-        passwd entry{}, *found = nullptr;
-        char buffer[4096];
-        if (::getpwnam_r(name.c_str(), &entry, buffer, sizeof buffer, &found) == 0 && found) {
-            uids.insert(found->pw_uid);
-            continue;
-        }
-        char* end = nullptr;
-        const unsigned long number = std::strtoul(name.c_str(), &end, 10);
-        if (name.empty() || *end != '\0') {
-            error = "unknown user " + name;
-            return false;
-        }
-        uids.insert(static_cast<uid_t>(number));
-    }
-    return true;
-}
-
-bool AgentApp::ResolveKeyUsers(const std::vector<std::string>& pairs, std::map<std::string, std::set<uid_t>>& keyUsers,
-                               std::string& error) const
-{
-    for (const std::string& pair : pairs) {
-        const size_t colon = pair.find(':');
-        const std::string key = pair.substr(0, colon);
-        if (colon == std::string::npos || key.empty() || colon + 1 == pair.size()) {
-            error = "--allow-key-user " + pair + " is not KEY:USER";
-            return false;
-        }
-        if (!_keys.Find(key)) {
-            error = "--allow-key-user " + pair + " names key " + key + ", which the agent does not serve";
-            return false;
-        }
-        if (!ResolveUsers({pair.substr(colon + 1)}, keyUsers[key], error)) return false;
-    }
-    return true;
 }
 
 // SIGHUP reopens the audit log (after rotation), SIGUSR1 logs the counts;
@@ -189,11 +142,17 @@ bool AgentApp::ResolveKeyUsers(const std::vector<std::string>& pairs, std::map<s
 // left unread for the serving loops).
 void AgentApp::Control(int controlFd, int stopFd, const AgentServer& server)
 {
+    const int wait = _metricsFile.empty() ? -1 : static_cast<int>(_metricsInterval * 1000);
     for (;;) {
         pollfd ready[2] = {{controlFd, POLLIN, 0}, {stopFd, POLLIN, 0}};
-        if (::poll(ready, 2, -1) < 0) {
+        const int count = ::poll(ready, 2, wait);
+        if (count < 0) {
             if (errno == EINTR) continue;
             return;
+        }
+        if (count == 0) {
+            WriteMetrics(server);
+            continue;
         }
         if (ready[1].revents) return;
         signalfd_siginfo info{};
@@ -217,8 +176,23 @@ void AgentApp::Control(int controlFd, int stopFd, const AgentServer& server)
     }
 }
 
+// A failed write is logged once per cause and tried again next time.
+void AgentApp::WriteMetrics(const AgentServer& server)
+{
+    std::string error;
+    if (ReplaceMetricsFile(_metricsFile, server.Metrics().Text(server.OpenConnections(), _sources.TokenErrors()),
+                           error)) {
+        _metricsError.clear();
+    } else if (error != _metricsError) {
+        _metricsError = error;
+        _log.Write({{"event", "notice"}, {"reason", error}});
+    }
+}
+
 int AgentApp::Serve(const AgentOptions& options)
 {
+    _metricsFile = options.metricsFile;
+    _metricsInterval = options.metricsInterval;
     ServerSettings settings;
     std::string error;
     if (!ResolveUsers(options.allowUsers, settings.allowedUsers, error)) return Fail(error);
@@ -229,7 +203,7 @@ int AgentApp::Serve(const AgentOptions& options)
     settings.readTimeout = std::chrono::milliseconds(static_cast<long long>(options.readTimeout * 1000));
     settings.rateLimit = options.rateLimit;
     std::map<std::string, std::set<uid_t>> keyUsers;
-    if (!ResolveKeyUsers(options.allowKeyUsers, keyUsers, error)) return Fail(error);
+    if (!ResolveKeyUsers(options.allowKeyUsers, _keys, keyUsers, error)) return Fail(error);
 
     int controlFd = -1;
     const int stopFd = BlockSignals(controlFd);
@@ -250,6 +224,8 @@ int AgentApp::Serve(const AgentOptions& options)
                 {"port", server.Port()},
                 {"keys", _keys.Keys().size()},
                 {"workers", settings.workers}});
+    _sources.StartRecovery([this](const nlohmann::ordered_json& event) { _log.Write(event); });
+    if (!_metricsFile.empty()) WriteMetrics(server);
     std::thread control([&] { Control(controlFd, stopFd, server); });
     const bool served = server.Run(stopFd, error);
     // A pending SIGTERM makes the stop descriptor readable for the control
@@ -259,6 +235,7 @@ int AgentApp::Serve(const AgentOptions& options)
     ::close(controlFd);
     if (!served) return Fail(error);
     ::close(stopFd);
+    if (!_metricsFile.empty()) WriteMetrics(server);
     _log.Write({{"event", "stop"}, {"signed", server.Signed()}, {"refused", server.Refused()}});
     return 0;
 }

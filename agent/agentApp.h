@@ -12,7 +12,7 @@
 #include "agentOptions.h"
 #include "auditLog.h"
 #include "keyStore.h"
-#include "pkcs11Token.h"
+#include "keySources.h"
 
 namespace agent {
 
@@ -23,7 +23,6 @@ public:
     int Run(const AgentOptions& options);
 
 private:
-    bool LoadKeys(const AgentOptions& options, std::string& error);
     // What the first line of each audit log file names: when the agent
     // started and the keys it serves.
     nlohmann::ordered_json StartFields() const;
@@ -31,17 +30,17 @@ private:
     int Check() const;
     int Serve(const AgentOptions& options);
     void Control(int controlFd, int stopFd, const class AgentServer& server);
-    static bool ResolveUsers(const std::vector<std::string>& names, std::set<uid_t>& uids, std::string& error);
-    // --allow-key-user KEY:USER, each KEY one the agent serves.
-    bool ResolveKeyUsers(const std::vector<std::string>& pairs, std::map<std::string, std::set<uid_t>>& keyUsers,
-                         std::string& error) const;
+    void WriteMetrics(const class AgentServer& server);
     static int Fail(const std::string& reason);
 
     AuditLog _log;
+    std::string _metricsFile;
+    double _metricsInterval = 5;
+    std::string _metricsError;  // the last failure logged
     std::string _started = AuditLog::Now();
-    std::vector<std::string> _skipped;  // key folder files that name no key
-    // Declared before the store: the token's keys must go first.
-    std::unique_ptr<Pkcs11Token> _token;
+    // Declared before the store: the tokens' keys must go before their
+    // modules.
+    KeySources _sources;
     KeyStore _keys;
 };
 

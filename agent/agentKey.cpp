@@ -50,6 +50,16 @@ EVP_PKEY_CTX* CachedContext(unsigned long keyId, EVP_PKEY* key, bool copyKey, co
     return ctx.get();
 }
 
+bool SignWith(EVP_PKEY_CTX* ctx, const std::vector<uint8_t>& digest, std::vector<uint8_t>& signature)
+{
+    size_t length = 0;
+    if (!ctx || EVP_PKEY_sign(ctx, nullptr, &length, digest.data(), digest.size()) != 1) return false;
+    signature.resize(length);
+    if (EVP_PKEY_sign(ctx, signature.data(), &length, digest.data(), digest.size()) != 1) return false;
+    signature.resize(length);
+    return true;
+}
+
 std::string OpensslError()
 {
     const unsigned long code = ERR_get_error();
@@ -68,8 +78,8 @@ const EVP_MD* DigestForLength(size_t length)
     return hashId ? markforge::digestStream::AlgorithmOf(hashId) : nullptr;
 }
 
-AgentKey::AgentKey(std::string name, PkeyPtr privateKey, std::shared_ptr<std::mutex> serial)
-    : _id(nextKeyId++), _name(std::move(name)), _private(std::move(privateKey)), _serial(std::move(serial))
+AgentKey::AgentKey(std::string name, PkeyPtr privateKey, std::shared_ptr<TokenGuard> token)
+    : _id(nextKeyId++), _name(std::move(name)), _private(std::move(privateKey)), _token(std::move(token))
 {
 }
 
@@ -106,7 +116,9 @@ bool AgentKey::Sign(const std::vector<uint8_t>& digest, std::vector<uint8_t>& si
         error = "a digest of " + std::to_string(digest.size()) + " bytes";
         return false;
     }
-    if (!SignUnchecked(md, digest, signature)) {
+    if (_token) {
+        if (!SignWithToken(md, digest, signature, error)) return false;
+    } else if (!SignUnchecked(md, digest, signature)) {
         error = "signing failed: " + OpensslError();
         return false;
     }
@@ -121,16 +133,26 @@ bool AgentKey::Sign(const std::vector<uint8_t>& digest, std::vector<uint8_t>& si
 bool AgentKey::SignUnchecked(const EVP_MD* md, const std::vector<uint8_t>& digest,
                              std::vector<uint8_t>& signature) const
 {
-    std::unique_lock<std::mutex> lock;
-    if (_serial) lock = std::unique_lock<std::mutex>(*_serial);
-    // A token's key stays the token's: only in-memory keys are copied.
-    EVP_PKEY_CTX* ctx = CachedContext(_id, _private.get(), !_serial, md, true);
-    size_t length = 0;
-    if (!ctx || EVP_PKEY_sign(ctx, nullptr, &length, digest.data(), digest.size()) != 1) return false;
-    signature.resize(length);
-    if (EVP_PKEY_sign(ctx, signature.data(), &length, digest.data(), digest.size()) != 1) return false;
-    signature.resize(length);
-    return true;
+    return SignWith(CachedContext(_id, _private.get(), true, md, true), digest, signature);
+}
+
+// Signatures through one module run side by side: libp11 hands each thread
+// a session of its own, logged in once. The context is made per signature,
+// since the module's recovery may replace the key between two of them.
+bool AgentKey::SignWithToken(const EVP_MD* md, const std::vector<uint8_t>& digest, std::vector<uint8_t>& signature,
+                             std::string& error) const
+{
+    std::shared_lock<std::shared_mutex> lock(_token->Mutex());
+    if (!_token->Up()) {
+        error = "token unavailable";
+        return false;
+    }
+    const PkeyCtxPtr ctx = SignatureContext(_private.get(), md, true);
+    if (SignWith(ctx.get(), digest, signature)) return true;
+    error = "token error: " + OpensslError();
+    lock.unlock();
+    _token->Lost(error);
+    return false;
 }
 
 bool AgentKey::Verifies(const EVP_MD* md, const std::vector<uint8_t>& digest,

@@ -7,11 +7,11 @@
 
 #include <cstdint>
 #include <memory>
-#include <mutex>
 #include <string>
 #include <vector>
 
 #include "lbOpensslPtr.h"
+#include "tokenGuard.h"
 
 namespace agent {
 
@@ -19,9 +19,10 @@ using lockbase::PkeyPtr;
 
 class AgentKey {
 public:
-    // `serial`, when given, is held around every use of the private half
-    // (for tokens whose library is not safe to call from several threads).
-    AgentKey(std::string name, PkeyPtr privateKey, std::shared_ptr<std::mutex> serial = nullptr);
+    // `token`, when given, guards the private half: a key of a PKCS#11
+    // token signs only while its module is up, and a failed signature tells
+    // the guard.
+    AgentKey(std::string name, PkeyPtr privateKey, std::shared_ptr<TokenGuard> token = nullptr);
 
     // False with the reason in `error` when the key is not RSA or its public
     // half cannot be taken out.
@@ -38,16 +39,23 @@ public:
     // The public half as DER SubjectPublicKeyInfo.
     const std::vector<uint8_t>& PublicDer() const { return _publicDer; }
 
+    // The token's new handle for the same key, after its module was loaded
+    // anew; call only with the token's guard held alone.
+    void ReplacePrivate(PkeyPtr privateKey) const { _private = std::move(privateKey); }
+
 private:
     bool SignUnchecked(const EVP_MD* md, const std::vector<uint8_t>& digest, std::vector<uint8_t>& signature) const;
+    bool SignWithToken(const EVP_MD* md, const std::vector<uint8_t>& digest, std::vector<uint8_t>& signature,
+                       std::string& error) const;
     bool Verifies(const EVP_MD* md, const std::vector<uint8_t>& digest, const std::vector<uint8_t>& signature) const;
 
     // Told apart by number, not address, in the per-thread context cache.
     unsigned long _id;
     std::string _name;
-    PkeyPtr _private;
+    // Changed only by the token's recovery, under its guard.
+    mutable PkeyPtr _private;
     PkeyPtr _public;
-    std::shared_ptr<std::mutex> _serial;
+    std::shared_ptr<TokenGuard> _token;
     std::vector<uint8_t> _publicDer;
     std::string _fingerprint;
 };

@@ -13,6 +13,7 @@ struct AgentOptions {
     std::string pkcs11Module;
     std::string token;
     std::string pinFile;  // "-": standard input
+    std::vector<std::string> pkcs11Uris;  // one key each
     std::vector<std::string> allowKeys;
     std::vector<std::string> allowUsers;
     std::vector<std::string> allowKeyUsers;  // KEY:USER
@@ -24,6 +25,8 @@ struct AgentOptions {
     size_t maxConnectionsPerUser = 0;  // 0: half of maxConnections
     double readTimeout = 5.0;  // seconds
     std::string auditLog;
+    std::string metricsFile;     // empty: none
+    double metricsInterval = 5;  // seconds between rewrites
     bool check = false;
     std::vector<std::string> verifyAudit;  // audit log files whose chain to check, in order
 

@@ -15,6 +15,7 @@
 #include <string>
 #include <utility>
 
+#include "agentMetrics.h"
 #include "auditLog.h"
 #include "keyStore.h"
 
@@ -49,6 +50,7 @@ struct ServerShared {
     const KeyPolicy& policy;
     AuditLog& log;
     RateLimit rate;
+    AgentMetrics metrics;
     int listener = -1;
     sockaddr_in address{};
     // Whether the kernel names connection owners here at all (checked at
@@ -93,6 +95,7 @@ public:
     size_t Signed() const { return _shared.signedCount; }
     size_t OpenConnections() const { return _shared.open; }
     size_t Refused() const { return _shared.refusedCount; }
+    const AgentMetrics& Metrics() const { return _shared.metrics; }
 
 private:
     ServerShared _shared;

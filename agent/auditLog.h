@@ -20,10 +20,29 @@ struct RequestRecord {
     size_t digestLength = 0;
     bool signedIt = false;
     std::string reason;  // why it was refused
+    // What kind of refusal it was, one of the names below, for the counts
+    // by reason (the log line has the whole reason instead).
+    const char* refusal = nullptr;
     long long microseconds = 0;
+    long long signingMicroseconds = -1;  // the signature alone; -1: none made
 
     nlohmann::ordered_json ToJson() const;
 };
+
+// The kinds of refusal.
+namespace refusals {
+constexpr const char* OWNER_UNKNOWN = "owner-unknown";
+constexpr const char* USER = "user-not-allowed";
+constexpr const char* USER_SHARE = "user-connections";
+constexpr const char* MALFORMED = "malformed";
+constexpr const char* INCOMPLETE = "incomplete";
+constexpr const char* TIMEOUT = "timeout";
+constexpr const char* POLICY = "key-policy";
+constexpr const char* UNKNOWN_KEY = "unknown-key";
+constexpr const char* RATE_LIMIT = "rate-limit";
+constexpr const char* SIGNING = "signing-failed";
+constexpr const char* SENDING = "send-failed";
+}  // namespace refusals
 
 class AuditLog {
 public:

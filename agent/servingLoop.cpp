@@ -168,12 +168,20 @@ std::string ServingLoop::Admit(Connection& connection, const sockaddr_in& client
     std::string error;
     const bool known = _peers.Lookup(client, _shared.address, uid, error);
     if (known) connection.record.uid = uid;
-    if (!known && _shared.ownersKnown) return "owner unknown: " + error;
+    if (!known && _shared.ownersKnown) {
+        connection.record.refusal = refusals::OWNER_UNKNOWN;
+        return "owner unknown: " + error;
+    }
     const auto& allowed = _shared.settings.allowedUsers;
-    if (!allowed.empty() && (!known || !allowed.count(uid))) return "user not allowed";
+    if (!allowed.empty() && (!known || !allowed.count(uid))) {
+        connection.record.refusal = refusals::USER;
+        return "user not allowed";
+    }
     if (!known) return "";
-    if (!_shared.TakeUserSlot(uid))
+    if (!_shared.TakeUserSlot(uid)) {
+        connection.record.refusal = refusals::USER_SHARE;
         return "user holds its share of " + std::to_string(_shared.UserShare()) + " connections";
+    }
     connection.holdsUserSlot = true;
     return "";
 }
@@ -216,8 +224,12 @@ ServingLoop::Next ServingLoop::Judge(Connection& connection, bool ended, ParseRe
     parsed = ParseSignRequest(connection.bytes.data(), connection.bytes.size());
     NoteRequest(connection.record, parsed.request);
     if (parsed.status == ParseStatus::Complete) return Next::Sign;
-    if (parsed.status == ParseStatus::Invalid) return Next::Refuse;
+    if (parsed.status == ParseStatus::Invalid) {
+        connection.record.refusal = refusals::MALFORMED;
+        return Next::Refuse;
+    }
     if (!ended) return Next::Wait;
+    connection.record.refusal = refusals::INCOMPLETE;
     parsed.reason = connection.bytes.empty()
                         ? "closed without a request"
                         : "closed after " + std::to_string(connection.bytes.size()) + " bytes of a request";
@@ -240,6 +252,7 @@ void ServingLoop::DropExpired()
         if (entry.second->deadline <= now) expired.push_back(entry.first);
     for (const int fd : expired) {
         const size_t received = _reading[fd]->bytes.size();
+        _reading[fd]->record.refusal = refusals::TIMEOUT;
         Finish(*Release(fd), "no complete request within " + std::to_string(_shared.settings.readTimeout.count()) +
                                  " ms (" + std::to_string(received) + " bytes)");
     }
@@ -251,17 +264,36 @@ void ServingLoop::Serve(Connection& connection, const SignRequest& request)
     // request takes nothing of it.
     const long long uid = connection.record.uid;
     const AgentKey* key = _shared.keys.Find(request.keyName);
+    const char*& kind = connection.record.refusal;
     std::string reason = _shared.policy.Refusal(request.keyName, uid);
-    if (reason.empty() && !key) reason = "unknown key";
-    if (reason.empty() && !_shared.rate.Take(uid))
+    if (!reason.empty()) kind = refusals::POLICY;
+    if (reason.empty() && !key) {
+        kind = refusals::UNKNOWN_KEY;
+        reason = "unknown key";
+    }
+    if (reason.empty() && !_shared.rate.Take(uid)) {
+        kind = refusals::RATE_LIMIT;
         reason = "rate limit: more than " + std::to_string(_shared.rate.PerMinute()) + " signatures in a minute for " +
                  (uid < 0 ? std::string("unknown owners") : "user " + std::to_string(uid));
-    std::vector<uint8_t> signature;
-    if (reason.empty() && key->Sign(request.digest, signature, reason) &&
-        ::send(connection.fd, signature.data(), signature.size(), MSG_NOSIGNAL) !=
-            static_cast<ssize_t>(signature.size()))
-        reason = std::string("sending the signature failed: ") + std::strerror(errno);
+    }
+    if (reason.empty()) SignAndSend(connection, *key, request.digest, reason);
     Finish(connection, reason);
+}
+
+void ServingLoop::SignAndSend(Connection& connection, const AgentKey& key, const std::vector<uint8_t>& digest,
+                              std::string& reason)
+{
+    std::vector<uint8_t> signature;
+    const auto start = std::chrono::steady_clock::now();
+    const bool made = key.Sign(digest, signature, reason);
+    connection.record.signingMicroseconds = MicrosecondsSince(start);
+    if (!made) {
+        connection.record.refusal = refusals::SIGNING;
+    } else if (::send(connection.fd, signature.data(), signature.size(), MSG_NOSIGNAL) !=
+               static_cast<ssize_t>(signature.size())) {
+        connection.record.refusal = refusals::SENDING;
+        reason = std::string("sending the signature failed: ") + std::strerror(errno);
+    }
 }
 
 // The line is written, and the connection's slots given back, before it
@@ -272,6 +304,7 @@ void ServingLoop::Record(Connection& connection, const std::string& reason)
     connection.record.reason = reason;
     connection.record.microseconds = MicrosecondsSince(connection.start);
     ++(reason.empty() ? _shared.signedCount : _shared.refusedCount);
+    _shared.metrics.Count(connection.record, _shared.keys.Find(connection.record.keyName) != nullptr);
     _shared.log.Write(connection.record.ToJson());
     if (connection.holdsUserSlot) _shared.ReleaseUserSlot(static_cast<uid_t>(connection.record.uid));
     connection.holdsUserSlot = false;

@@ -55,6 +55,9 @@ private:
     std::chrono::milliseconds UntilNextDeadline() const;
     void WatchListener(bool on);
     void Serve(Connection& connection, const SignRequest& request);
+    // Signs and answers; `reason` says why not.
+    void SignAndSend(Connection& connection, const AgentKey& key, const std::vector<uint8_t>& digest,
+                     std::string& reason);
     void Finish(Connection& connection, const std::string& reason);
     // Logs a refusal made before anything was read and closes at once.
     void Turn(Connection& connection, const std::string& reason);

@@ -27,26 +27,32 @@ source "$(dirname "${BASH_SOURCE[0]}")/lib.sh"
 
 # What each purpose installs, beyond what the ones it builds on install.
 # Every configuration of the tree needs these: the compiler, CMake, OpenSSL,
-# and the headers of CLI11, nlohmann-json and libp11 (the programs' own).
+# and the headers of CLI11, nlohmann-json, libp11 and p11-kit (the programs'
+# own).
 DEMO_PACKAGES=(build-essential cmake ninja-build openssl libssl-dev pkg-config libcli11-dev nlohmann-json3-dev
-    libp11-dev jq xxd)
+    libp11-dev libp11-kit-dev jq xxd)
 NATIVE_PACKAGES=(
     "${DEMO_PACKAGES[@]}"
     googletest libgtest-dev libbenchmark-dev
     scdoc man-db python3 bash-completion softhsm2 opensc
+    # A token shared through p11-kit's server and client module, the link
+    # forwarded by socat between network namespaces made with ip.
+    p11-kit p11-kit-modules socat iproute2
 )
 FUZZ_PACKAGES=("${DEMO_PACKAGES[@]}" clang libfuzzer-14-dev libclang-rt-14-dev)
 ARM_PACKAGES=("${DEMO_PACKAGES[@]}" googletest g++-arm-linux-gnueabihf qemu-user)
 PACKAGE_PACKAGES=("${NATIVE_PACKAGES[@]}" dpkg-dev lintian file systemd)
-BENCH_PACKAGES=("${DEMO_PACKAGES[@]}" libbenchmark-dev hyperfine time valgrind softhsm2 opensc)
+BENCH_PACKAGES=("${DEMO_PACKAGES[@]}" libbenchmark-dev hyperfine time valgrind softhsm2 opensc p11-kit p11-kit-modules
+    socat)
 
 # The private apt folder for the armhf download: its own package lists,
 # cache and (empty) dpkg status, with armhf as its only architecture.
 ARM_APT="$MARKFORGE_ROOT/.cache/apt-armhf"
 ARM_DEBS=(libssl-dev libssl3)
-# The agent's libp11 and, for its tests under qemu, the SoftHSM2 module:
-# taken at the armhf lists' own versions.
-ARM_AGENT_DEBS=(libp11-dev libp11-3 libsofthsm2)
+# The agent's libp11 and p11-kit (with the libffi p11-kit loads) and, for
+# its tests under qemu, the SoftHSM2 module: taken at the armhf lists' own
+# versions.
+ARM_AGENT_DEBS=(libp11-dev libp11-3 libp11-kit-dev libp11-kit0 libffi8 libsofthsm2)
 
 export DEBIAN_FRONTEND=noninteractive
 APT_UPDATED=0
@@ -101,6 +107,7 @@ sysroot_complete() {
         [ -e "$MARKFORGE_ARM_SYSROOT/usr/lib/arm-linux-gnueabihf/libcrypto.so" ] &&
         [ -f "$MARKFORGE_ARM_SYSROOT/usr/lib/arm-linux-gnueabihf/libcrypto.so.3" ] &&
         [ -f "$MARKFORGE_ARM_SYSROOT/usr/lib/arm-linux-gnueabihf/pkgconfig/libp11.pc" ] &&
+        [ -f "$MARKFORGE_ARM_SYSROOT/usr/lib/arm-linux-gnueabihf/pkgconfig/p11-kit-1.pc" ] &&
         [ -f "$MARKFORGE_ARM_SYSROOT/usr/lib/softhsm/libsofthsm2.so" ]
 }
 

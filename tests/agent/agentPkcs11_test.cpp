@@ -92,7 +92,8 @@ TEST_F(AgentPkcs11, CheckPrintsNameAndFingerprint)
     const std::string der = dir.file("public.der");
     testsupport::Openssl({"pkey", "-pubin", "-in", key.publicPem, "-outform", "DER", "-out", der});
     const std::string hash = testsupport::Openssl({"dgst", "-sha256", "-r", der}).out.substr(0, 64);
-    EXPECT_EQ(result.out, "release-hsm SHA256:" + hash + "\n");
+    EXPECT_EQ(result.out, "release-hsm SHA256:" + hash + " pkcs11:serial=" + token.Serial() + ";token=" + TOKEN +
+                              ";id=%A1;object=release-hsm;type=private\n");
     EXPECT_EQ(result.err, "");
 }
 
@@ -136,7 +137,7 @@ TEST_F(AgentPkcs11, UnknownTokenLabel)
     const testsupport::ProcessResult result = RunAgent(
         {"--pkcs11-module", agenttest::SOFTHSM_MODULE, "--token", "no-such-token", "--pin-file", pinFile, "--check"});
     EXPECT_EQ(result.status, 1);
-    EXPECT_NE(result.err.find("no token labelled no-such-token"), std::string::npos) << result.err;
+    EXPECT_NE(result.err.find("pkcs11:token=no-such-token matches no token of "), std::string::npos) << result.err;
     ExpectPinNotShown(result);
 }
 

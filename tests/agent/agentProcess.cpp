@@ -82,6 +82,7 @@ bool AgentProcess::Start(const std::vector<std::string>& args, std::string& erro
     if (std::find(args.begin(), args.end(), "--port") == args.end()) command.insert(command.end(), {"--port", "0"});
     command.insert(command.end(), args.begin(), args.end());
     command = testsupport::WithEmulator(command);
+    command.insert(command.begin(), _prefix.begin(), _prefix.end());
     ::unlink(portFile.c_str());
     _pid = ::fork();
     if (_pid == 0) ExecAgent(command, _folder);
@@ -113,6 +114,14 @@ bool AgentProcess::StartOnSignAgentPort(testsupport::SignAgentPeer& lock, std::v
         if (error.find("in use") == std::string::npos || std::chrono::steady_clock::now() > deadline) return false;
         std::this_thread::sleep_for(PORT_BUSY_RETRY);
     }
+}
+
+bool AgentProcess::Running()
+{
+    if (_pid <= 0) return false;
+    if (::waitpid(_pid, nullptr, WNOHANG) != _pid) return true;
+    _pid = -1;
+    return false;
 }
 
 int AgentProcess::Stop(int signal)

@@ -25,6 +25,11 @@ public:
     // `args` names a port) and waits until it listens. False with the
     // reason (and the agent's standard error) in `error`.
     bool Start(const std::vector<std::string>& args, std::string& error);
+    // Words put before the agent's command line from the next Start on (ip
+    // netns exec NAME, env VAR=VALUE, ...); each must exec the rest.
+    void RunThrough(std::vector<std::string> prefix) { _prefix = std::move(prefix); }
+    // Whether the agent is still running (it has not exited by itself).
+    bool Running();
     // Starts the agent on 127.0.0.1:8001 for the library's signer, holding
     // the machine-wide port lock through `lock` (kept by the caller until
     // the agent has stopped). While another program holds the port, tries
@@ -50,6 +55,7 @@ private:
     std::string _folder;
     pid_t _pid = -1;
     unsigned short _port = 0;
+    std::vector<std::string> _prefix;
 };
 
 // The path of the built markforge-agent.

@@ -7,6 +7,7 @@
 #include <cstdlib>
 #include <cstring>
 #include <filesystem>
+#include <sstream>
 
 #include "testSupport.h"
 
@@ -62,17 +63,44 @@ bool SoftHsmToken::Create(const std::string& folder, const std::string& label, c
     const std::string conf = folder + "/softhsm2.conf";
     testsupport::WriteFile(conf, "directories.tokendir = " + tokens + "\nobjectstore.backend = file\nlog.level = ERROR\n");
     ::setenv("SOFTHSM2_CONF", conf.c_str(), 1);
-    return RunTool({"softhsm2-util", "--init-token", "--free", "--label", label, "--pin", pin, "--so-pin",
-                    "so-" + pin},
+    return AddToken(label, error);
+}
+
+bool SoftHsmToken::AddToken(const std::string& label, std::string& error)
+{
+    return RunTool({"softhsm2-util", "--init-token", "--free", "--label", label, "--pin", _pin, "--so-pin",
+                    "so-" + _pin},
                    error);
 }
 
 bool SoftHsmToken::Import(const std::string& pemPath, const std::string& name, const std::string& id,
                           std::string& error)
 {
-    return RunTool({"softhsm2-util", "--import", pemPath, "--token", _label, "--label", name, "--id", id,
+    return ImportInto(_label, pemPath, name, id, error);
+}
+
+bool SoftHsmToken::ImportInto(const std::string& label, const std::string& pemPath, const std::string& name,
+                              const std::string& id, std::string& error)
+{
+    return RunTool({"softhsm2-util", "--import", pemPath, "--token", label, "--label", name, "--id", id,
                     "--pin", _pin},
                    error);
+}
+
+// softhsm2-util lists each token's serial number a few lines before its
+// label.
+std::string SoftHsmToken::Serial() const
+{
+    std::istringstream lines(testsupport::Run({"softhsm2-util", "--show-slots"}).out);
+    std::string line, serial;
+    while (std::getline(lines, line)) {
+        std::istringstream words(line);
+        std::string first, second, value;
+        words >> first >> second;
+        if (first == "Serial" && second == "number:") words >> serial;
+        if (first == "Label:" && second == _label) return serial;
+    }
+    return "";
 }
 
 }  // namespace agenttest

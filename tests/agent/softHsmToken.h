@@ -18,6 +18,14 @@ public:
     bool Create(const std::string& folder, const std::string& label, const std::string& pin, std::string& error);
     // Imports a PKCS#8 PEM private key under `name` (its label) and `id`.
     bool Import(const std::string& pemPath, const std::string& name, const std::string& id, std::string& error);
+    // Creates another token labelled `label` (same PIN) beside the first.
+    bool AddToken(const std::string& label, std::string& error);
+    // Imports into the token labelled `label`.
+    bool ImportInto(const std::string& label, const std::string& pemPath, const std::string& name,
+                    const std::string& id, std::string& error);
+    // The serial number SoftHSM2 gave the first token, as softhsm2-util
+    // shows it; empty when it cannot be read.
+    std::string Serial() const;
 
     SoftHsmToken() = default;
     ~SoftHsmToken();
