@@ -36,7 +36,7 @@ banner "bench: Release build"
 cmake -S "$MARKFORGE_ROOT" -B "$BUILD" -G Ninja -DCMAKE_BUILD_TYPE=Release -DMARKFORGE_WERROR=ON -DMARKFORGE_BENCH=ON \
     -DMARKFORGE_TESTS=OFF >/dev/null
 ninja -C "$BUILD" -j "$MARKFORGE_JOBS" recaster hash_bench markforge_program keydir markforge-agent agent_load \
-    agent_sign_bench slow_agent
+    agent_sign_bench slow_agent token_sign_threads
 RECASTER="$BUILD/bin/recaster"
 MARKFORGE="$BUILD/bin/markforge"
 HASH_BENCH="$BUILD/bin/hash_bench"
@@ -44,6 +44,9 @@ AGENT="$BUILD/bin/markforge-agent"
 AGENT_LOAD="$BUILD/bin/agent_load"
 AGENT_SIGN_BENCH="$BUILD/bin/agent_sign_bench"
 SLOW_AGENT="$BUILD/bin/slow_agent"
+TOKEN_THREADS="$BUILD/bin/token_sign_threads"
+SOFTHSM_MODULE=/usr/lib/softhsm/libsofthsm2.so
+P11KIT_CLIENT="$(pkg-config --variable=p11_module_path p11-kit-1)/p11-kit-client.so"
 AGENT_SECONDS="${BENCH_AGENT_SECONDS:-10}"
 AGENT_ROUNDS="${BENCH_AGENT_ROUNDS:-3}"
 
@@ -391,7 +394,7 @@ median_of() {
 
 bench_agent() {
     banner "bench: signing agent (RSA-2048, SHA-256, ${AGENT_SECONDS}s per run, $AGENT_ROUNDS rounds)"
-    local cores single hsm one added multi folder round
+    local cores single one added multi folder round
     local multi_rates=() folder_rates=() agent_us=() client_us=() refused_us sign_us openssl_us best
     cores="$(nproc)"
     mkdir -p "$WORK/agent/keys"
@@ -417,9 +420,8 @@ bench_agent() {
     one="$("$AGENT_LOAD" --port "$AGENT_PORT" --clients 1 --seconds "$AGENT_SECONDS" --key bench)"
     stop_agent
     make_token
-    start_agent --pkcs11-module /usr/lib/softhsm/libsofthsm2.so --token bench --pin-file "$WORK/agent/hsm/pin"
-    hsm="$("$AGENT_LOAD" --port "$AGENT_PORT" --clients 64 --seconds "$AGENT_SECONDS" --key bench)"
-    stop_agent
+    bench_token
+
     multi="$(median_of "${multi_rates[@]}")"
     folder="$(median_of "${folder_rates[@]}")"
     added="$(awk -v mean="$(load_field "$one" mean_us)" -v rate="$single" 'BEGIN { printf "%.0f", mean - 1e6 / rate }')"
@@ -435,7 +437,13 @@ bench_agent() {
     record "$(printf '  %-46s %10s' 'openssl speed -multi '"$cores"' rsa2048' "$multi sign/s")"
     record "$(printf '  %-46s %10s  (%s of openssl)' 'agent, key folder, 64 clients' "$folder sign/s" \
         "$(ratio "$folder" "$multi")")"
-    record "$(printf '  %-46s %10s' 'agent, SoftHSM2 token, 64 clients' "$(load_field "$hsm" rate) sign/s")"
+    record "$(printf '  %-46s %10s' 'plain token threads, 64 sessions (SoftHSM2)' "$(load_field "$PLAIN" rate) sign/s")"
+    record "$(printf '  %-46s %10s  (%s of the plain threads)' 'agent, SoftHSM2 token, 64 clients' \
+        "$(load_field "$HSM" rate) sign/s" "$(ratio "$(load_field "$HSM" rate)" "$(load_field "$PLAIN" rate)")")"
+    record "$(printf '  %-46s %10s' 'plain threads through p11-kit server, 64' "$(load_field "$PLAIN_REMOTE" rate) sign/s")"
+    record "$(printf '  %-46s %10s  (%s of the plain threads)' 'agent through p11-kit server, 64 clients' \
+        "$(load_field "$HSM_REMOTE" rate) sign/s" \
+        "$(ratio "$(load_field "$HSM_REMOTE" rate)" "$(load_field "$PLAIN_REMOTE" rate)")")"
     record "$(printf '  %-46s %10s' 'openssl speed rsa2048, one sign' "$(awk -v r="$single" 'BEGIN { printf "%.0f us", 1e6 / r }')")"
     record "$(printf '  %-46s %10s  (added by the agent: %s us)' 'agent, key folder, 1 client, round trip' \
         "$(load_field "$one" mean_us) us" "$added")"
@@ -449,6 +457,32 @@ bench_agent() {
     record "   task; one TCP connection per request, audit log on; openssl's single-process figure is per CPU"
     record "   second; best ratio: openssl's CPU per signature over signing with the check + a refused request"
     record "   + the generator's part; load average at the end: $(cut -d' ' -f1-3 /proc/loadavg))"
+}
+
+# The token rates, each beside the plain way of signing with the same token
+# from 64 threads of one process, a session each (token_sign_threads): the
+# token in this process, then behind `p11-kit server` reached through its
+# client module. Sets PLAIN, HSM, PLAIN_REMOTE and HSM_REMOTE to the
+# generators' output lines.
+PLAIN="" HSM="" PLAIN_REMOTE="" HSM_REMOTE=""
+bench_token() {
+    local pin="$WORK/agent/hsm/pin" socket="$WORK/agent/hsm.sock" server
+    PLAIN="$("$TOKEN_THREADS" "$SOFTHSM_MODULE" bench bench "$pin" 64 "$AGENT_SECONDS")"
+    start_agent --pkcs11-uri "pkcs11:token=bench;object=bench?module-path=$SOFTHSM_MODULE&pin-source=file:$pin"
+    HSM="$("$AGENT_LOAD" --port "$AGENT_PORT" --clients 64 --seconds "$AGENT_SECONDS" --key bench)"
+    stop_agent
+    p11-kit server -f --provider "$SOFTHSM_MODULE" -n "$socket" "pkcs11:token=bench" >"$WORK/agent/p11-kit.log" 2>&1 &
+    server=$!
+    for _ in $(seq 100); do [ -S "$socket" ] && break; sleep 0.1; done
+    [ -S "$socket" ] || die "p11-kit server did not start: $(cat "$WORK/agent/p11-kit.log")"
+    export P11_KIT_SERVER_ADDRESS="unix:path=$socket"
+    PLAIN_REMOTE="$("$TOKEN_THREADS" "$P11KIT_CLIENT" bench bench "$pin" 64 "$AGENT_SECONDS")"
+    start_agent --pkcs11-uri "pkcs11:token=bench;object=bench?module-path=$P11KIT_CLIENT&pin-source=file:$pin"
+    HSM_REMOTE="$("$AGENT_LOAD" --port "$AGENT_PORT" --clients 64 --seconds "$AGENT_SECONDS" --key bench)"
+    stop_agent
+    unset P11_KIT_SERVER_ADDRESS
+    kill "$server"
+    wait "$server" 2>/dev/null || true
 }
 
 # Builds `container` from NAME=FILE words, signed by the bench key.

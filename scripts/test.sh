@@ -10,16 +10,16 @@
 #
 # Environment:
 #   MARKFORGE_STAGES      stages to run, in order (default "native sanitize fuzz arm package")
-#   FUZZ_SECONDS          seconds per fuzz target (default 40)
+#   FUZZ_SECONDS          seconds per fuzz target (default 30)
 #   MARKFORGE_CLEAN=1     remove each stage's build folder first
 #   MARKFORGE_SKIP_SETUP=1  do not run scripts/setup.sh
 set -euo pipefail
 source "$(dirname "${BASH_SOURCE[0]}")/lib.sh"
 
 STAGES="${MARKFORGE_STAGES:-native sanitize fuzz arm package}"
-FUZZ_SECONDS="${FUZZ_SECONDS:-40}"
+FUZZ_SECONDS="${FUZZ_SECONDS:-30}"
 FUZZ_TARGETS=(header_fuzz der_sig_fuzz hex_string_fuzz key_file_fuzz pem_key_fuzz public_key_fuzz build_words_fuzz
-    sign_request_fuzz container_fuzz table_fuzz requests_fuzz audit_chain_fuzz)
+    sign_request_fuzz container_fuzz table_fuzz requests_fuzz audit_chain_fuzz pkcs11_uri_fuzz)
 LOGS="$MARKFORGE_ROOT/build-logs"
 
 # Any sanitizer report ends the process with status 86, which no test

@@ -18,5 +18,9 @@ expect "- keys libsofthsm2.so pin" markforge-agent --pin-file ""
 expect "dev release" markforge-agent --key-dir keys --allow-key ""
 expect "root" markforge-agent --allow-user roo
 expect "" markforge-agent --port ""
+expect "--pkcs11-uri" markforge-agent --pkcs11-u
+expect "pkcs11:" markforge-agent --pkcs11-uri ""
+expect "--metrics-file --metrics-interval" markforge-agent --met
+expect "keys libsofthsm2.so pin" markforge-agent --metrics-file ""
 
 completion_result
