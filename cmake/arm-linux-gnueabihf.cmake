@@ -48,6 +48,10 @@ set(OPENSSL_SSL_LIBRARY "${_armhf_libdir}/libssl.so")
 set(_armhf_includes "-isystem ${MARKFORGE_ARM_SYSROOT}/usr/include/arm-linux-gnueabihf -isystem ${MARKFORGE_ARM_SYSROOT}/usr/include")
 set(CMAKE_C_FLAGS_INIT "${_armhf_includes}")
 set(CMAKE_CXX_FLAGS_INIT "${_armhf_includes}")
+# The sysroot's libraries need others of the sysroot (p11-kit's libffi) that
+# nothing here links directly: the linker finds them there.
+set(CMAKE_EXE_LINKER_FLAGS_INIT "-Wl,-rpath-link,${_armhf_libdir}")
+set(CMAKE_SHARED_LINKER_FLAGS_INIT "-Wl,-rpath-link,${_armhf_libdir}")
 
 # Programs built here (the tests, gtest discovery, the recaster the tests
 # spawn) run under user-mode qemu with the cross toolchain's C library and
