@@ -148,9 +148,12 @@ std::string NamespacesUnavailable()
     bool ipFound = false;
     for (const char* path : {"/usr/sbin/ip", "/sbin/ip", "/usr/bin/ip", "/bin/ip"}) ipFound = ipFound || ::access(path, X_OK) == 0;
     if (!ipFound) return "no ip tool (iproute2) here";
+    // Two namespaces and a link between them, as the test needs: a kernel or
+    // container may allow the one and not the other.
     Namespaces probe;
     std::string error;
-    if (!probe.Add("probe", error)) return "cannot make a network namespace here: " + error;
+    if (!probe.Add("probe1", error) || !probe.Add("probe2", error) || !probe.Link("probe1", "probe2", 99, error))
+        return "cannot make linked network namespaces here: " + error;
     return "";
 }
 

@@ -56,8 +56,8 @@ private:
     std::vector<std::string> _made;
 };
 
-// Why namespaces cannot be made here (not root, no ip tool, the kernel
-// refuses), or empty when they can.
+// Why linked namespaces cannot be made here (not root, no ip tool, the
+// kernel refuses a namespace or a veth pair), or empty when they can.
 std::string NamespacesUnavailable();
 
 }  // namespace agenttest
