@@ -18,27 +18,27 @@ KeySources::~KeySources() { Forget(_sharedPin); }
 bool KeySources::Load(const AgentOptions& options, KeyStore& store, std::string& error)
 {
     if (!options.keyDir.empty() && !KeyDirectory::Load(options.keyDir, store, _skipped, error)) return false;
-    if (!options.token.empty()) {
-        const Pkcs11Uri token = Pkcs11Uri::ForToken(options.token);
-        Pkcs11Module* module = ModuleAt(options.pkcs11Module, error);
-        std::string pin;
-        const bool added = module && PinFor(token, options, pin, error) && module->AddTokenKeys(token, pin, store, error);
-        Forget(pin);
-        if (!added) return false;
-    }
+    if (!options.token.empty() && !AddFromToken(Pkcs11Uri::ForToken(options.token), true, options, store, error))
+        return false;
     for (const std::string& text : options.pkcs11Uris) {
         Pkcs11Uri uri;
-        if (!uri.Parse(text, error)) return false;
-        const std::string path = !uri.ModulePath().empty()      ? uri.ModulePath()
-                                 : !options.pkcs11Module.empty() ? options.pkcs11Module
-                                                                 : DEFAULT_PKCS11_MODULE;
-        Pkcs11Module* module = ModuleAt(path, error);
-        std::string pin;
-        const bool added = module && PinFor(uri, options, pin, error) && module->AddKey(uri, pin, store, error);
-        Forget(pin);
-        if (!added) return false;
+        if (!uri.Parse(text, error) || !AddFromToken(uri, false, options, store, error)) return false;
     }
     return true;
+}
+
+bool KeySources::AddFromToken(const Pkcs11Uri& uri, bool everyKey, const AgentOptions& options, KeyStore& store,
+                              std::string& error)
+{
+    const std::string path = !uri.ModulePath().empty()      ? uri.ModulePath()
+                             : !options.pkcs11Module.empty() ? options.pkcs11Module
+                                                             : DEFAULT_PKCS11_MODULE;
+    Pkcs11Module* module = ModuleAt(path, error);
+    std::string pin;
+    const bool added = module && PinFor(uri, options, pin, error) &&
+                       (everyKey ? module->AddTokenKeys(uri, pin, store, error) : module->AddKey(uri, pin, store, error));
+    Forget(pin);
+    return added;
 }
 
 Pkcs11Module* KeySources::ModuleAt(const std::string& path, std::string& error)

@@ -40,6 +40,10 @@ public:
     size_t TokenErrors() const;
 
 private:
+    // The one key `uri` names (every labelled key of its token when
+    // `everyKey`), from the URI's module or else the options' one.
+    bool AddFromToken(const Pkcs11Uri& uri, bool everyKey, const AgentOptions& options, KeyStore& store,
+                      std::string& error);
     Pkcs11Module* ModuleAt(const std::string& path, std::string& error);
     // The PIN for `uri`: its pin-source file, or else --pin-file's.
     bool PinFor(const Pkcs11Uri& uri, const AgentOptions& options, std::string& pin, std::string& error);

@@ -291,7 +291,8 @@ void Pkcs11Module::Recover()
             lock.unlock();
             std::string error;
             const bool back = Reconnect(error);
-            if (_events && (back || attempt % RETRIES_BETWEEN_NOTES == 0))
+            // Back, given up, or the first attempt of each minute is said.
+            if (_events && (back || _givenUp || attempt % RETRIES_BETWEEN_NOTES == 0))
                 _events(back ? nlohmann::ordered_json{{"event", "token"}, {"state", "back"}, {"module", _path},
                                                       {"attempts", attempt + 1}}
                              : nlohmann::ordered_json{{"event", "token"}, {"state", "away"}, {"module", _path},
@@ -301,14 +302,17 @@ void Pkcs11Module::Recover()
                 _lost = false;
                 break;
             }
-            if (_givenUp) {
-                if (_events && attempt % RETRIES_BETWEEN_NOTES != 0)
-                    _events({{"event", "token"}, {"state", "away"}, {"module", _path}, {"reason", error}});
-                return;
-            }
+            if (_givenUp) return;
             _wake.wait_for(lock, RETRY_EVERY, [this] { return _stopping; });
         }
     }
+}
+
+bool Pkcs11Module::GiveUp(const std::string& reason, std::string& error)
+{
+    _givenUp = true;
+    error = reason;
+    return false;
 }
 
 bool Pkcs11Module::Reconnect(std::string& error)
@@ -326,9 +330,7 @@ bool Pkcs11Module::Reconnect(std::string& error)
         if (!LogIn(slot, served.pin, error)) {
             // The PIN that worked is refused now: trying again every second
             // would walk the token to its lockout.
-            _givenUp = true;
-            error += "; the agent stops trying (restart it once the token takes the PIN again)";
-            return false;
+            return GiveUp(error + "; the agent stops trying (restart it once the token takes the PIN again)", error);
         }
         if (!MatchingKeys(slot, served.uri, false, keys, error)) return false;
         if (keys.size() != 1) {
@@ -338,10 +340,10 @@ bool Pkcs11Module::Reconnect(std::string& error)
         PkeyPtr pkey(PKCS11_get_private_key(keys[0]));
         // The same name must be the same key: a token changed while it was
         // away does not get to sign in the old key's name.
-        if (!pkey || PublicDer(pkey.get()) != served.key->PublicDer()) {
-            error = "key " + served.key->Name() + " is not the key it was before the token was lost";
-            return false;
-        }
+        if (!pkey || PublicDer(pkey.get()) != served.key->PublicDer())
+            return GiveUp("key " + served.key->Name() + " is not the key it was before the token was lost; the agent "
+                          "stops trying",
+                          error);
         served.key->ReplacePrivate(std::move(pkey));
     }
     _guard->Back();

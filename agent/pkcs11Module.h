@@ -73,6 +73,8 @@ private:
     bool Serve(PKCS11_SLOT* slot, PKCS11_KEY* key, const std::string& pin, KeyStore& store, std::string& error);
     // Loads the module anew and gives every key its new private half.
     bool Reconnect(std::string& error);
+    // Ends the recovery for good, with `reason` in `error`; false.
+    bool GiveUp(const std::string& reason, std::string& error);
     void Recover();
     void Lost(const std::string& reason);
 

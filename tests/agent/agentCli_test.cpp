@@ -118,6 +118,18 @@ TEST_F(AgentCli, UsageErrors)
     EXPECT_EQ(version.out.rfind("markforge-agent ", 0), 0u);
 }
 
+TEST_F(AgentCli, UsageErrorsNameWhatIsMissing)
+{
+    const auto none = RunAgent({"--check"});
+    EXPECT_EQ(none.status, 2);
+    EXPECT_EQ(none.err,
+              "markforge-agent: give --key-dir, --pkcs11-uri, or --pkcs11-module with --token (see --help)\n");
+    const auto moduleAlone = RunAgent({"--key-dir", KeyFolder(), "--pkcs11-module", "/dev/null", "--check"});
+    EXPECT_EQ(moduleAlone.status, 2);
+    EXPECT_EQ(moduleAlone.err, "markforge-agent: --pkcs11-module needs --token or --pkcs11-uri\n");
+    EXPECT_EQ(moduleAlone.out, "");
+}
+
 TEST_F(AgentCli, AuditLogFileAndStopOnSigint)
 {
     const std::string folder = KeyFolder();
