@@ -1,12 +1,13 @@
 #!/usr/bin/env bash
 # Sets the machine up, then builds and tests markforge in stages:
-#   native    RelWithDebInfo build with -Werror, the whole ctest suite
+#   native    the tree the amd64 packages are made from (Release, for /usr,
+#             Debian's hardening flags, -Werror), the whole ctest suite
 #   sanitize  AddressSanitizer + UndefinedBehaviorSanitizer build, whole suite
 #   fuzz      clang + libFuzzer build, each fuzz target for FUZZ_SECONDS
 #   arm       32-bit ARM cross build, whole suite under qemu-arm
-#   package   Release build for /usr with the whole suite, Debian packages
-#             for amd64 and armhf, lintian, then the amd64 ones installed,
-#             used and removed, the armhf programs run under qemu-arm
+#   package   Debian packages for amd64 (from the native stage's tree) and
+#             armhf, lintian, then the amd64 ones installed, used and
+#             removed, the armhf programs run under qemu-arm
 #
 # Environment:
 #   MARKFORGE_STAGES      stages to run, in order (default "native sanitize fuzz arm package")
@@ -126,11 +127,18 @@ configure_and_build() {
     ninja -C "$dir" -j "$MARKFORGE_JOBS"
 }
 
+# The suite runs on the very build the amd64 packages are made from, so
+# what ships is what was tested. The package stage makes its packages from
+# this tree (building it first when the native stage did not run).
+native_package_tree() {
+    local dir="$1"
+    build_packages "$dir" amd64 gcc -DMARKFORGE_EXPECTED_POINTER_SIZE=8 -DMARKFORGE_BENCH=ON
+}
+
 stage_native() {
     local dir
     dir="$(build_dir native)"
-    configure_and_build "$dir" -DCMAKE_BUILD_TYPE=RelWithDebInfo -DMARKFORGE_EXPECTED_POINTER_SIZE=8 \
-        -DMARKFORGE_BENCH=ON
+    native_package_tree "$dir"
     run_ctest "$dir" native
 }
 
@@ -229,8 +237,7 @@ debian_build_flags() {
 }
 
 # Configures and builds a tree that installs into /usr, as a Debian package
-# does, then makes its packages and has lintian judge them: errors fail,
-# warnings are shown.
+# does, with Debian's flags for the architecture.
 build_packages() {
     local dir="$1" arch="$2" cc="$3"
     shift 3
@@ -244,6 +251,8 @@ build_packages() {
     ninja -C "$dir" -j "$MARKFORGE_JOBS"
 }
 
+# Makes a tree's packages and has lintian judge them: errors fail, warnings
+# are shown.
 make_debs() {
     local dir="$1"
     rm -rf "$dir/packages"
@@ -423,9 +432,8 @@ check_armhf_debs() {
 
 stage_package() {
     local dir arm
-    dir="$(build_dir package)"
-    build_packages "$dir" amd64 gcc -DMARKFORGE_EXPECTED_POINTER_SIZE=8
-    run_ctest "$dir" package
+    dir="$MARKFORGE_ROOT/build-native"
+    native_package_tree "$dir"
     make_debs "$dir"
     check_declared_dependencies "$dir"
     check_installed_debs "$dir"

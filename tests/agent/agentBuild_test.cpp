@@ -10,6 +10,7 @@
 #include <string>
 
 #include "agentProcess.h"
+#include "keyCache.h"
 #include "signAgentPeer.h"
 #include "testSupport.h"
 
@@ -23,10 +24,10 @@ protected:
     {
         keys = std::make_unique<testsupport::TempDir>();
         ASSERT_EQ(::mkdir(keys->file("folder").c_str(), 0700), 0);
-        const ProcessResult made = testsupport::RunMarkforge({"keygen", "--bits", "3072", "-o",
-                                                              keys->file("folder/release.markforge"), "--public-out",
-                                                              keys->file("release.pem")});
-        ASSERT_EQ(made.status, 0) << made.err;
+        std::string error;
+        ASSERT_TRUE(testsupport::CopyCachedKey("release", 3072, keys->file("folder/release.markforge"),
+                                               keys->file("release.pem"), error))
+            << error;
     }
     static void TearDownTestSuite() { keys.reset(); }
 
@@ -94,7 +95,8 @@ TEST_F(AgentBuild, ResignMovesADevelopmentContainerToTheReleaseKey)
     // the container a production build of the same components makes.
     const std::string devKeys = dir.file("dev-keys");
     ASSERT_EQ(::mkdir(devKeys.c_str(), 0700), 0);
-    ASSERT_EQ(testsupport::RunMarkforge({"keygen", "--bits", "2048", "-o", devKeys + "/dev.markforge"}).status, 0);
+    std::string error;
+    ASSERT_TRUE(testsupport::CopyCachedKey("dev", 2048, devKeys + "/dev.markforge", "", error)) << error;
     const std::vector<std::string> components{"boot=" + dir.file("boot.bin"), "app=" + dir.file("app.bin")};
     for (const char* hash : {"sha256", "sha512"}) {
         SCOPED_TRACE(hash);

@@ -7,6 +7,8 @@
 #include <algorithm>
 #include <memory>
 
+#include "keyCache.h"
+
 namespace testsupport {
 namespace {
 
@@ -61,9 +63,9 @@ std::string DigestNameForLength(uint32_t length)
 void ContainerTest::SetUpTestSuite()
 {
     g_keyDir = std::make_unique<TempDir>();
-    const ProcessResult made = RunMarkforge(
-        {"keygen", "--bits", "2048", "-o", g_keyDir->file("dev.markforge"), "--public-out", g_keyDir->file("dev.pem")});
-    ASSERT_EQ(made.status, 0) << made.err;
+    std::string error;
+    ASSERT_TRUE(CopyCachedKey("dev", 2048, g_keyDir->file("dev.markforge"), g_keyDir->file("dev.pem"), error))
+        << error;
 }
 
 void ContainerTest::TearDownTestSuite()

@@ -13,6 +13,7 @@
 #include <utility>
 #include <vector>
 
+#include "keyCache.h"
 #include "testSupport.h"
 
 namespace readingtest {
@@ -35,9 +36,10 @@ inline const std::string& EnsureKey(const std::string& name)
 {
     const TempDir& keys = Keys();
     if (!testsupport::FileExists(keys.file(name + ".pem"))) {
-        const ProcessResult r = testsupport::RunMarkforge(
-            {"keygen", "--bits", "2048", "-o", keys.file(name + ".markforge"), "--public-out", keys.file(name + ".pem")});
-        EXPECT_EQ(r.status, 0) << r.err;
+        std::string error;
+        EXPECT_TRUE(
+            testsupport::CopyCachedKey(name, 2048, keys.file(name + ".markforge"), keys.file(name + ".pem"), error))
+            << error;
     }
     return keys.path();
 }

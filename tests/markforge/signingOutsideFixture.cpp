@@ -7,6 +7,8 @@
 #include <algorithm>
 #include <memory>
 
+#include "keyCache.h"
+
 namespace testsupport {
 namespace {
 
@@ -26,9 +28,8 @@ void SigningOutsideTest::SetUpTestSuite()
     ContainerTest::SetUpTestSuite();
     g_pemDir = std::make_unique<TempDir>();
     ToPem(privateKey(), privatePem());
-    const ProcessResult made = RunMarkforge(
-        {"keygen", "--bits", "2048", "-o", keyDir() + "/other.markforge", "--public-out", otherPublicPem()});
-    ASSERT_EQ(made.status, 0) << made.err;
+    std::string error;
+    ASSERT_TRUE(CopyCachedKey("other", 2048, keyDir() + "/other.markforge", otherPublicPem(), error)) << error;
     ToPem(keyDir() + "/other.markforge", otherPrivatePem());
 }
 
