@@ -17,7 +17,8 @@ namespace agent {
 namespace {
 
 // How often a lost module is loaded again, and how often, while it stays
-// away, the log says so once more.
+// away for the same reason, the log says so once more. A new reason is
+// said at once: the cause an operator must fix may have changed.
 constexpr std::chrono::seconds RETRY_EVERY{1};
 constexpr int RETRIES_BETWEEN_NOTES = 60;
 
@@ -287,12 +288,16 @@ void Pkcs11Module::Recover()
     for (;;) {
         _wake.wait(lock, [this] { return _stopping || _lost; });
         if (_stopping) return;
+        std::string said;
         for (int attempt = 0; !_stopping; ++attempt) {
             lock.unlock();
             std::string error;
             const bool back = Reconnect(error);
-            // Back, given up, or the first attempt of each minute is said.
-            if (_events && (back || _givenUp || attempt % RETRIES_BETWEEN_NOTES == 0))
+            // Back, given up, a new reason, or the first attempt of each
+            // minute is said.
+            const bool news = back || _givenUp || error != said || attempt % RETRIES_BETWEEN_NOTES == 0;
+            if (!back) said = error;
+            if (_events && news)
                 _events(back ? nlohmann::ordered_json{{"event", "token"}, {"state", "back"}, {"module", _path},
                                                       {"attempts", attempt + 1}}
                              : nlohmann::ordered_json{{"event", "token"}, {"state", "away"}, {"module", _path},

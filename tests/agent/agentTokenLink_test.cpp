@@ -12,6 +12,7 @@
 
 #include <chrono>
 #include <cstdlib>
+#include <functional>
 #include <memory>
 #include <thread>
 
@@ -43,14 +44,11 @@ protected:
         folder = std::make_unique<testsupport::TempDir>();
         std::string error;
         ASSERT_TRUE(testsupport::MakeRsaKey(folder->path(), "hsm", 2048, key, error)) << error;
-        ASSERT_TRUE(token.Create(folder->path(), TOKEN, PIN, error)) << error;
-        ASSERT_TRUE(token.Import(key.privatePem, KEY, "42", error)) << error;
-        pinFile = folder->file("pin");
-        testsupport::WriteFile(pinFile, PIN + "\n");
-        ASSERT_EQ(::chmod(pinFile.c_str(), 0600), 0);
+        ASSERT_TRUE(testsupport::MakeRsaKey(folder->path(), "other", 2048, otherKey, error)) << error;
     }
     static void TearDownTestSuite() { folder.reset(); }
 
+    // Each test has a token of its own: some change theirs.
     void SetUp() override
     {
         testsupport::FrameworkTest::SetUp();
@@ -58,6 +56,12 @@ protected:
             GTEST_SKIP() << "no p11-kit client module for the agent's architecture in this build";
         for (const char* tool : {"/usr/bin/p11-kit", "/usr/bin/socat"})
             if (::access(tool, X_OK) != 0) GTEST_SKIP() << tool << " is not installed";
+        std::string error;
+        ASSERT_TRUE(token.Create(dir.path(), TOKEN, PIN, error)) << error;
+        ASSERT_TRUE(token.Import(key.privatePem, KEY, "42", error)) << error;
+        pinFile = dir.file("pin");
+        testsupport::WriteFile(pinFile, PIN + "\n");
+        ASSERT_EQ(::chmod(pinFile.c_str(), 0600), 0);
     }
 
     // `p11-kit server` offering the test token on `socket`, run through
@@ -83,7 +87,7 @@ protected:
         ASSERT_TRUE(agenttest::WaitForPath(listen, SOCKET_WAIT)) << testsupport::ReadFile(dir.file("socat.log"));
     }
 
-    static std::string Uri()
+    std::string Uri() const
     {
         return "pkcs11:token=" + TOKEN + ";object=" + KEY + "?module-path=" + agenttest::P11KIT_CLIENT_MODULE +
                "&pin-source=file:" + pinFile;
@@ -117,17 +121,55 @@ protected:
         return states;
     }
 
+    // Serves the token to `agent` through a link, loses the link (a
+    // request finds the token gone), then, with the token's server down
+    // too, lets `change` alter the token before both come back.
+    void LoseTheTokenWhile(agenttest::AgentProcess& agent, const std::function<void()>& change)
+    {
+        const std::string hsmSocket = dir.file("hsm.sock"), linkSocket = dir.file("link.sock");
+        StartHsm(hsm, hsmSocket);
+        StartForwarder(link, linkSocket, "UNIX-CONNECT:" + hsmSocket);
+        agent.RunThrough(ClientEnvironment(linkSocket));
+        std::string error;
+        ASSERT_TRUE(agent.Start({"--pkcs11-uri", Uri()}, error)) << error;
+        ASSERT_TRUE(SignsGood(agent.Port(), 1));
+        link.Stop();
+        hsm.Stop();
+        EXPECT_FALSE(SignsGood(agent.Port(), 2));
+        ASSERT_TRUE(agent.WaitForEvents("token", 1));
+        change();
+        ::unlink(hsmSocket.c_str());  // so that the wait below is for the new server's
+        StartHsm(hsm, hsmSocket);
+        StartForwarder(link, linkSocket, "UNIX-CONNECT:" + hsmSocket);
+    }
+
+    // The reason of the first "away" event that `accept` takes, waiting for
+    // it as long as the agent may take to find the token; empty if none.
+    static std::string AwayReason(const agenttest::AgentProcess& agent,
+                                  const std::function<bool(const std::string&)>& accept)
+    {
+        const auto deadline = std::chrono::steady_clock::now() + BACK_WITHIN;
+        do {
+            for (const auto& event : agent.Events("token")) {
+                const std::string reason = event.value("reason", "");
+                if (event.value("state", "") == "away" && accept(reason)) return reason;
+            }
+            std::this_thread::sleep_for(std::chrono::milliseconds(200));
+        } while (std::chrono::steady_clock::now() < deadline);
+        return "";
+    }
+
     static inline std::unique_ptr<testsupport::TempDir> folder;
-    static inline testsupport::TestRsaKey key;
-    static inline agenttest::SoftHsmToken token;
-    static inline std::string pinFile;
+    static inline testsupport::TestRsaKey key, otherKey;
     testsupport::TempDir dir;
+    agenttest::SoftHsmToken token;
+    std::string pinFile;
+    BackgroundProcess hsm, link;
 };
 
 TEST_F(TokenLink, ALostLinkIsRefusedAndTheTokenIsServedAgainWithoutARestart)
 {
     const std::string hsmSocket = dir.file("hsm.sock"), linkSocket = dir.file("link.sock");
-    BackgroundProcess hsm, link;
     StartHsm(hsm, hsmSocket);
     StartForwarder(link, linkSocket, "UNIX-CONNECT:" + hsmSocket);
 
@@ -178,6 +220,64 @@ TEST_F(TokenLink, ALostLinkIsRefusedAndTheTokenIsServedAgainWithoutARestart)
         << counts;
 }
 
+TEST_F(TokenLink, AnotherKeyUnderTheServedNameEndsTheRecovery)
+{
+    agenttest::AgentProcess agent(dir.path());
+    LoseTheTokenWhile(agent, [this] {
+        std::string error;
+        ASSERT_TRUE(token.ReplaceKey(otherKey.privatePem, KEY, "42", error)) << error;
+    });
+    const std::string expected = "key " + KEY + " is not the key it was before the token was lost; the agent stops trying";
+    EXPECT_EQ(AwayReason(agent, [&](const std::string& reason) { return reason == expected; }), expected)
+        << agent.Errors();
+    // It has stopped trying: even the old key, back on the token, is not
+    // served again until the agent is restarted.
+    std::string error;
+    ASSERT_TRUE(token.ReplaceKey(key.privatePem, KEY, "42", error)) << error;
+    std::this_thread::sleep_for(std::chrono::seconds(3));
+    EXPECT_FALSE(SignsGood(agent.Port(), 3));
+    EXPECT_TRUE(agent.Running());
+    for (const std::string& state : TokenStates(agent)) EXPECT_NE(state, "back");
+    EXPECT_EQ(agent.Stop(), 0);
+}
+
+TEST_F(TokenLink, APinTheTokenNoLongerTakesEndsTheRecovery)
+{
+    agenttest::AgentProcess agent(dir.path());
+    LoseTheTokenWhile(agent, [this] {
+        std::string error;
+        ASSERT_TRUE(token.ChangePin("24680", error)) << error;
+    });
+    const std::string suffix = "; the agent stops trying (restart it once the token takes the PIN again)";
+    const std::string reason = AwayReason(agent, [&](const std::string& text) {
+        return text.size() > suffix.size() && text.compare(text.size() - suffix.size(), suffix.size(), suffix) == 0;
+    });
+    EXPECT_FALSE(reason.empty()) << agent.Errors();
+    EXPECT_FALSE(SignsGood(agent.Port(), 3));
+    EXPECT_TRUE(agent.Running());
+    EXPECT_EQ(agent.Stop(), 0);
+}
+
+TEST_F(TokenLink, TwoKeysUnderTheServedNameAreSaidAtOnceAndRefused)
+{
+    agenttest::AgentProcess agent(dir.path());
+    LoseTheTokenWhile(agent, [this] {
+        std::string error;
+        ASSERT_TRUE(token.ImportDuplicate(otherKey.privatePem, KEY, "42", error)) << error;
+    });
+    // Said as soon as it is the reason, not a minute later; the key's exact
+    // URI names the token by its serial number.
+    const std::string suffix = ";object=" + KEY + ";type=private matches 2 private keys now";
+    const std::string reason = AwayReason(agent, [&](const std::string& text) {
+        return text.rfind("pkcs11:serial=" + token.Serial() + ";", 0) == 0 && text.size() > suffix.size() &&
+               text.compare(text.size() - suffix.size(), suffix.size(), suffix) == 0;
+    });
+    EXPECT_FALSE(reason.empty()) << agent.Errors();
+    EXPECT_FALSE(SignsGood(agent.Port(), 3));
+    EXPECT_TRUE(agent.Running());
+    EXPECT_EQ(agent.Stop(), 0);
+}
+
 TEST_F(TokenLink, TwoBuildHostsSignThroughOneTokenOverTcp)
 {
     const std::string unavailable = agenttest::NamespacesUnavailable();
@@ -193,7 +293,7 @@ TEST_F(TokenLink, TwoBuildHostsSignThroughOneTokenOverTcp)
     // The HSM host: the token behind p11-kit's server, its socket offered on
     // TCP port 5577 of the HSM host's links.
     const std::string hsmSocket = dir.file("hsm.sock");
-    BackgroundProcess hsm, hsmListener;
+    BackgroundProcess hsmListener;
     StartHsm(hsm, hsmSocket, hosts.Inside("hsm", {}));
     ASSERT_TRUE(hsmListener.Start(hosts.Inside("hsm", {"socat", "TCP-LISTEN:5577,fork,reuseaddr",
                                                        "UNIX-CONNECT:" + hsmSocket}),

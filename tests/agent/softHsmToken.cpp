@@ -22,6 +22,12 @@ bool RunTool(const std::vector<std::string>& argv, std::string& error)
     return false;
 }
 
+std::vector<std::string> ImportCommand(const std::string& label, const std::string& pemPath, const std::string& name,
+                                       const std::string& id, const std::string& pin)
+{
+    return {"softhsm2-util", "--import", pemPath, "--token", label, "--label", name, "--id", id, "--pin", pin};
+}
+
 // Where the token files go. Under qemu, the 32-bit SoftHSM2 module reads
 // folders without large-file support, and on a 64-bit host the entries of an
 // ext4 or overlay folder carry offsets too large for that: the module would
@@ -82,9 +88,39 @@ bool SoftHsmToken::Import(const std::string& pemPath, const std::string& name, c
 bool SoftHsmToken::ImportInto(const std::string& label, const std::string& pemPath, const std::string& name,
                               const std::string& id, std::string& error)
 {
-    return RunTool({"softhsm2-util", "--import", pemPath, "--token", label, "--label", name, "--id", id,
-                    "--pin", _pin},
-                   error);
+    return RunTool(ImportCommand(label, pemPath, name, id, _pin), error);
+}
+
+bool SoftHsmToken::Pkcs11Tool(const std::vector<std::string>& args, std::string& error) const
+{
+    std::vector<std::string> argv{"pkcs11-tool", "--module", SOFTHSM_MODULE, "--token-label", _label, "--login",
+                                  "--pin", _pin};
+    argv.insert(argv.end(), args.begin(), args.end());
+    return RunTool(argv, error);
+}
+
+bool SoftHsmToken::ReplaceKey(const std::string& pemPath, const std::string& name, const std::string& id,
+                              std::string& error)
+{
+    for (const char* type : {"privkey", "pubkey"})
+        if (!Pkcs11Tool({"--delete-object", "--type", type, "--label", name}, error)) return false;
+    return Import(pemPath, name, id, error);
+}
+
+bool SoftHsmToken::ImportDuplicate(const std::string& pemPath, const std::string& name, const std::string& id,
+                                   std::string& error)
+{
+    // softhsm2-util refuses a name and id already there without --force.
+    std::vector<std::string> command = ImportCommand(_label, pemPath, name, id, _pin);
+    command.push_back("--force");
+    return RunTool(command, error);
+}
+
+bool SoftHsmToken::ChangePin(const std::string& pin, std::string& error)
+{
+    if (!Pkcs11Tool({"--change-pin", "--new-pin", pin}, error)) return false;
+    _pin = pin;
+    return true;
 }
 
 // softhsm2-util lists each token's serial number a few lines before its

@@ -4,6 +4,7 @@
 #pragma once
 
 #include <string>
+#include <vector>
 
 namespace agenttest {
 
@@ -23,6 +24,14 @@ public:
     // Imports into the token labelled `label`.
     bool ImportInto(const std::string& label, const std::string& pemPath, const std::string& name,
                     const std::string& id, std::string& error);
+    // Changes the first token while it keeps its serial number, as an
+    // operator might while an agent is cut off from it: `name` (and its
+    // `id`) becomes the key in `pemPath`; a second key is put in under a
+    // `name` and `id` already there; the user PIN changes.
+    bool ReplaceKey(const std::string& pemPath, const std::string& name, const std::string& id, std::string& error);
+    bool ImportDuplicate(const std::string& pemPath, const std::string& name, const std::string& id,
+                         std::string& error);
+    bool ChangePin(const std::string& pin, std::string& error);
     // The serial number SoftHSM2 gave the first token, as softhsm2-util
     // shows it; empty when it cannot be read.
     std::string Serial() const;
@@ -33,6 +42,9 @@ public:
     SoftHsmToken& operator=(const SoftHsmToken&) = delete;
 
 private:
+    // pkcs11-tool on the first token, logged in, with `args` after.
+    bool Pkcs11Tool(const std::vector<std::string>& args, std::string& error) const;
+
     std::string _label, _pin;
     std::string _ownFolder;  // made by Create outside `folder`, or empty
 };
