@@ -24,8 +24,10 @@ digestPipeline::block* digestPipeline::Take()
 {
     std::unique_lock<std::mutex> lock(_mutex);
     _changed.wait(lock, [this] { return !_free.empty(); });
-    block* taken = _free.front();
-    _free.pop_front();
+    // The block given back last is the one most likely still in this
+    // core's cache.
+    block* taken = _free.back();
+    _free.pop_back();
     return taken;
 }
 

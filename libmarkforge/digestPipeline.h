@@ -21,10 +21,12 @@ namespace markforge {
 
 class digestPipeline {
 public:
-    // The size of each block: small enough that a block read from the page
-    // cache is still in the core's cache when it is hashed (1 MiB blocks
-    // measured slower), large enough to keep the system calls few.
-    static constexpr size_t BLOCK = 128 << 10;
+    // The size of each block: small enough that the blocks in flight stay
+    // in a core's second-level cache, where the copy out of the page cache
+    // lands and the hash reads it back (128 KiB blocks spent three times
+    // the kernel time of 64 KiB ones reading a component), large enough to
+    // keep the system calls few.
+    static constexpr size_t BLOCK = 64 << 10;
 
     struct block {
         std::vector<uint8_t> bytes = std::vector<uint8_t>(BLOCK);
