@@ -37,6 +37,11 @@ void digestPipeline::Pass(block* filled)
         Return(filled);
         return;
     }
+    filled->written = _output >= 0 && SecondThreadBehind();
+    if (filled->written) {
+        Write(*filled);
+        ++_writtenOnPass;
+    }
     {
         std::lock_guard<std::mutex> lock(_mutex);
         _passed.push_back(filled);
@@ -78,13 +83,28 @@ digestPipeline::block* digestPipeline::NextPassed()
     return next;
 }
 
+// Half the blocks waiting for the second thread: it writes more slowly than
+// the reading thread reads and hashes (writing new pages can cost more than
+// the hash), and the reading thread takes a share.
+bool digestPipeline::SecondThreadBehind()
+{
+    std::lock_guard<std::mutex> lock(_mutex);
+    return _passed.size() >= BLOCKS / 2;
+}
+
+void digestPipeline::Write(const block& filled)
+{
+    if (_writeFailed || WriteAllAt(_output, filled.bytes.data(), filled.length, filled.outputOffset)) return;
+    const std::string error = std::string("cannot write the payload: ") + std::strerror(errno);
+    std::lock_guard<std::mutex> lock(_mutex);
+    if (!_writeFailed.exchange(true)) _writeError = error;
+}
+
 void digestPipeline::Run()
 {
     while (block* next = NextPassed()) {
         if (_archive) _archive->Update(next->bytes.data(), next->length);
-        if (_output >= 0 && _writeError.empty() &&
-            !WriteAllAt(_output, next->bytes.data(), next->length, next->outputOffset))
-            _writeError = std::string("cannot write the payload: ") + std::strerror(errno);
+        if (_output >= 0 && !next->written) Write(*next);
         Return(next);
     }
 }
