@@ -44,7 +44,9 @@ bool EnsureCachedKey(const std::string& cache, const std::string& stem, int bits
 {
     const std::string keyFile = cache + "/" + stem + ".markforge";
     if (FileExists(keyFile)) return true;
-    TempDir scratch;
+    // Made inside the cache, so that the renames below never cross file
+    // systems (TMPDIR may be elsewhere).
+    TempDir scratch(cache);
     TestRsaKey made;
     if (!MakeRsaKey(scratch.path(), "key", bits, made, error)) return false;
     // The private key file goes last: its presence says the pair is whole.

@@ -328,9 +328,11 @@ bool FileExists(const std::string& path)
     return std::filesystem::exists(path);
 }
 
-TempDir::TempDir()
+TempDir::TempDir() : TempDir(std::filesystem::temp_directory_path().string()) {}
+
+TempDir::TempDir(const std::string& parent)
 {
-    std::string pattern = (std::filesystem::temp_directory_path() / "markforge-test-XXXXXX").string();
+    std::string pattern = parent + "/markforge-test-XXXXXX";
     if (!mkdtemp(&pattern[0])) Fail("mkdtemp");
     _path = pattern;
 }

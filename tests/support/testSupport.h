@@ -67,7 +67,9 @@ bool FileExists(const std::string& path);
 // A fresh folder, removed with everything in it when the object goes.
 class TempDir {
 public:
+    // In the system's temporary folder (TMPDIR), or inside `parent`.
     TempDir();
+    explicit TempDir(const std::string& parent);
     ~TempDir();
     TempDir(const TempDir&) = delete;
     TempDir& operator=(const TempDir&) = delete;
